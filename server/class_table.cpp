@@ -1,0 +1,97 @@
+// The class table: identifiers, factories and the 293 entries.
+#include <type_traits>
+
+#include "framework/relative_path_manager.h"
+#include "server/class_ids.h"
+#include "server/class_table.h"
+#include "server/factory.h"
+
+namespace pw::server {
+namespace {
+
+// The implementation of each class in this build; void where the class is not built
+// yet. Adding a class to the build is one specialisation here.
+template <ClassId Id>
+struct Implementation {
+  using type = void;
+};
+template <>
+struct Implementation<ClassId::RelativePathManager> {
+  using type = framework::RelativePathManager;
+};
+
+template <ClassId Id>
+auto MakeFactory(const char* name) {
+  using T = typename Implementation<Id>::type;
+  if constexpr (std::is_void_v<T>) {
+    return UnavailableClassFactory(name, IsSingletonClass(Id));
+  } else if constexpr (IsSingletonClass(Id)) {
+    (void)name;
+    return SingletonClassFactory<T>();
+  } else {
+    (void)name;
+    return ClassFactory<T>();
+  }
+}
+
+#define PW_CLASS_ID(name) constexpr CLSID kClsid_##name = ClassIdFromName(#name);
+PW_FOR_EACH_CLASS(PW_CLASS_ID)
+#undef PW_CLASS_ID
+
+#define PW_CLASS_FACTORY(name) auto g_factory_##name = MakeFactory<ClassId::name>(#name);
+PW_FOR_EACH_CLASS(PW_CLASS_FACTORY)
+#undef PW_CLASS_FACTORY
+
+#define PW_FIRST_ENTRY(name)                                \
+  ClassEntry{&kClsid_##name,                                \
+             u"" #name,                                     \
+             &g_factory_##name,                             \
+             {nullptr, nullptr, nullptr, nullptr, nullptr}, \
+             IsSingletonClass(ClassId::name) ? 1 : 0,       \
+             nullptr,                                       \
+             kApartment,                                    \
+             0},
+#define PW_CATEGORY_ENTRY(name)                                            \
+  ClassEntry{&kClsid_##name,                                               \
+             u"" #name,                                                    \
+             &g_factory_##name,                                            \
+             {&CATID_RasterFunctions, nullptr, nullptr, nullptr, nullptr}, \
+             0,                                                            \
+             nullptr,                                                      \
+             kApartment,                                                   \
+             0},
+
+const ClassEntry kTable[] = {
+    PW_FOR_EACH_FIRST_LISTED(PW_FIRST_ENTRY) PW_FOR_EACH_CATEGORY_MEMBER(
+        PW_CATEGORY_ENTRY) ClassEntry{
+        nullptr, nullptr, nullptr, {nullptr, nullptr, nullptr, nullptr, nullptr}, 0, nullptr, 0, 0},
+};
+#undef PW_FIRST_ENTRY
+#undef PW_CATEGORY_ENTRY
+
+static_assert(std::size(kTable) == kClassEntryCount + 1);
+static_assert(static_cast<std::size_t>(ClassId::kCount) == kDistinctClassCount);
+
+}  // namespace
+
+const ClassEntry* ClassTable() {
+  return kTable;
+}
+
+std::span<const ClassEntry> ClassEntries() {
+  return {kTable, kClassEntryCount};
+}
+
+const ClassEntry* FindClassByName(std::u16string_view name) {
+  for (const ClassEntry& e : ClassEntries())
+    if (!e.categoryDefinition && name == e.name) return &e;
+  return nullptr;
+}
+
+bool ImplementsCategory(const ClassEntry& entry, const CATID& category) {
+  for (const CATID* c : entry.categories)
+    if (c != nullptr && *c == category) return true;
+  return false;
+}
+
+}  // namespace pw::server
