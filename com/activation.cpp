@@ -1,6 +1,7 @@
 // Creation by identifier and the ProgID/CLSID mapping.
 #include "com/activation.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cstdlib>
 #include <cstring>
@@ -12,14 +13,18 @@
 
 namespace pw {
 namespace {
-std::atomic<ClassObjectProvider> g_provider{nullptr};
-std::atomic<ProgIdResolver> g_resolver{nullptr};
+constexpr int kMaxServers = 8;
+std::atomic<ClassObjectProvider> g_providers[kMaxServers];
+std::atomic<ProgIdResolver> g_resolvers[kMaxServers];
+std::atomic<int> g_serverCount{0};
 
 }  // namespace
 
-void SetInProcessServer(ClassObjectProvider provider, ProgIdResolver resolver) {
-  g_provider.store(provider);
-  g_resolver.store(resolver);
+void AddInProcessServer(ClassObjectProvider provider, ProgIdResolver resolver) {
+  const int slot = g_serverCount.fetch_add(1);
+  if (slot >= kMaxServers) std::abort();  // a build-time mistake: raise kMaxServers
+  g_providers[slot].store(provider);
+  g_resolvers[slot].store(resolver);
 }
 
 }  // namespace pw
@@ -35,7 +40,10 @@ void CoTaskMemFree(void* block) {
 HRESULT CoGetClassObject(REFCLSID clsid, DWORD, void*, REFIID riid, void** ppv) {
   if (ppv == nullptr) return E_POINTER;
   *ppv = nullptr;
-  if (const auto provider = pw::g_provider.load()) {
+  const int servers = std::min(pw::g_serverCount.load(), pw::kMaxServers);
+  for (int i = 0; i < servers; ++i) {
+    const auto provider = pw::g_providers[i].load();
+    if (provider == nullptr) continue;
     const HRESULT hr = provider(clsid, riid, ppv);
     if (hr != CLASS_E_CLASSNOTAVAILABLE) return hr;
   }
@@ -76,7 +84,11 @@ HRESULT CLSIDFromProgID(LPCOLESTR progId, LPCLSID clsid) {
   if (pw::RegReadString(HKEY_CLASSES_ROOT, std::u16string(progId) + u"\\CLSID", u"", &text) &&
       SUCCEEDED(CLSIDFromString(text.c_str(), clsid)))
     return S_OK;
-  if (const auto resolver = pw::g_resolver.load()) return resolver(progId, clsid);
+  const int servers = std::min(pw::g_serverCount.load(), pw::kMaxServers);
+  for (int i = 0; i < servers; ++i) {
+    const auto resolver = pw::g_resolvers[i].load();
+    if (resolver != nullptr && SUCCEEDED(resolver(progId, clsid))) return S_OK;
+  }
   return CO_E_CLASSSTRING;
 }
 #endif

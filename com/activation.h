@@ -25,7 +25,8 @@ namespace pw {
 using ClassObjectProvider = HRESULT (*)(REFCLSID clsid, REFIID riid, void** ppv);
 using ProgIdResolver = HRESULT (*)(LPCOLESTR progId, LPCLSID clsid);
 
-// Installs the in-process server's class-object entry point and ProgID resolver.
-void SetInProcessServer(ClassObjectProvider provider, ProgIdResolver resolver);
+// Installs an in-process class-object entry point and ProgID resolver; creation asks
+// them in the order they were installed. Either may be null.
+void AddInProcessServer(ClassObjectProvider provider, ProgIdResolver resolver);
 
 }  // namespace pw

@@ -110,6 +110,12 @@ bool operator==(const ComPtr<T>& a, std::nullptr_t) noexcept {
   return a.Get() == nullptr;
 }
 
+// Hands out a new reference to the object `field` holds (null when it holds none).
+template <class T>
+HRESULT HandOut(const ComPtr<T>& field, T** out) {
+  return field.CopyTo(out);
+}
+
 // True when two interface pointers belong to one object (their IUnknown is the same).
 bool SameObject(IUnknown* a, IUnknown* b) noexcept;
 

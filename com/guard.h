@@ -30,6 +30,14 @@ HRESULT Guard(F&& body) noexcept {
   }
 }
 
+// Writes a value to an out parameter (E_POINTER when it is null).
+template <class T>
+HRESULT HandOut(const T& value, T* out) {
+  if (out == nullptr) return E_POINTER;
+  *out = value;
+  return S_OK;
+}
+
 }  // namespace pw
 
 // Returns the result of `expr` from the enclosing function when it is a failure.

@@ -9,6 +9,7 @@
 #include <limits>
 #include <new>
 
+#include "com/guard.h"
 #include "com/text.h"
 
 #ifndef _WIN32
@@ -28,33 +29,13 @@ ArrayHeader* HeaderOf(SAFEARRAY* a) {
 
 ULONG ElementSize(VARTYPE vt) {
   switch (vt) {
-    case VT_I1:
-    case VT_UI1:
-      return 1;
-    case VT_I2:
-    case VT_UI2:
-    case VT_BOOL:
-      return 2;
-    case VT_I4:
-    case VT_UI4:
-    case VT_INT:
-    case VT_UINT:
-    case VT_R4:
-    case VT_ERROR:
-      return 4;
-    case VT_I8:
-    case VT_UI8:
-    case VT_R8:
-    case VT_DATE:
-    case VT_CY:
-      return 8;
     case VT_BSTR:
     case VT_UNKNOWN:
       return sizeof(void*);
     case VT_VARIANT:
       return sizeof(VARIANT);
     default:
-      return 0;
+      return static_cast<ULONG>(pw::ScalarByteSize(vt));
   }
 }
 
@@ -808,6 +789,46 @@ HRESULT SafeArrayPutElement(SAFEARRAY* a, LONG* indices, void* value) {
 #endif  // !_WIN32
 
 namespace pw {
+
+std::size_t ScalarByteSize(VARTYPE vt) {
+  switch (vt) {
+    case VT_I1:
+    case VT_UI1:
+      return 1;
+    case VT_I2:
+    case VT_UI2:
+    case VT_BOOL:
+      return 2;
+    case VT_I4:
+    case VT_UI4:
+    case VT_INT:
+    case VT_UINT:
+    case VT_R4:
+    case VT_ERROR:
+      return 4;
+    case VT_I8:
+    case VT_UI8:
+    case VT_R8:
+    case VT_DATE:
+    case VT_CY:
+      return 8;
+    default:
+      return 0;
+  }
+}
+
+HRESULT CopyArrayElement(SAFEARRAY* array, VARTYPE element, LONG index, VARIANT* out) {
+  if (out == nullptr) return E_POINTER;
+  VariantClear(out);
+  if (element == VT_VARIANT) return SafeArrayGetElement(array, &index, out);
+  void* slot = nullptr;
+  PW_RETURN_IF_FAILED(SafeArrayPtrOfIndex(array, &index, &slot));
+  VARIANT view;  // borrows the element; VariantCopy makes the owned copy
+  VariantInit(&view);
+  view.vt = element;
+  std::memcpy(&view.llVal, slot, array->cbElements);
+  return VariantCopy(out, &view);
+}
 
 Variant::Variant(std::u16string_view text) : Variant() {
   bstrVal = AllocBstr(text);

@@ -142,6 +142,14 @@ HRESULT SafeArrayPutElement(SAFEARRAY* array, LONG* indices, void* value);
 
 namespace pw {
 
+// The byte size of a fixed-size variant value (numbers, booleans, dates, currency,
+// errors); 0 for strings, objects, variants and unknown types.
+std::size_t ScalarByteSize(VARTYPE vt);
+
+// Copies element `index` of a one-dimensional array whose elements are `element`
+// (VT_VARIANT or any other array element type) into `out`, which it clears first.
+HRESULT CopyArrayElement(SAFEARRAY* array, VARTYPE element, LONG index, VARIANT* out);
+
 // A VARIANT that clears itself. Numbers become VT_I4, VT_I8 or VT_R8, booleans VT_BOOL
 // (-1 for true), text VT_BSTR, interfaces VT_UNKNOWN (with a reference of their own).
 class Variant : public VARIANT {

@@ -1,6 +1,7 @@
 // The class table: identifiers, factories and the 293 entries.
 #include <type_traits>
 
+#include "framework/raster_info.h"
 #include "framework/relative_path_manager.h"
 #include "server/class_ids.h"
 #include "server/class_table.h"
@@ -15,10 +16,15 @@ template <ClassId Id>
 struct Implementation {
   using type = void;
 };
-template <>
-struct Implementation<ClassId::RelativePathManager> {
-  using type = framework::RelativePathManager;
-};
+#define PW_IMPLEMENTED_BY(name, Type)    \
+  template <>                            \
+  struct Implementation<ClassId::name> { \
+    using type = Type;                   \
+  };
+PW_IMPLEMENTED_BY(RelativePathManager, framework::RelativePathManager)
+PW_IMPLEMENTED_BY(RasterInfo, framework::RasterInfo)
+PW_IMPLEMENTED_BY(RasterInfos, framework::RasterInfos)
+#undef PW_IMPLEMENTED_BY
 
 template <ClassId Id>
 auto MakeFactory(const char* name) {

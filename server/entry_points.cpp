@@ -41,7 +41,7 @@ HRESULT ResolveProgId(LPCOLESTR progId, LPCLSID clsid) {
 
 // Makes the classes creatable through CoCreateInstance without registration.
 const bool g_installed = [] {
-  SetInProcessServer(&DllGetClassObject, &ResolveProgId);
+  AddInProcessServer(&DllGetClassObject, &ResolveProgId);
   return true;
 }();
 
