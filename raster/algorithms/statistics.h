@@ -1,0 +1,41 @@
+// Statistics (minimum, maximum, mean, population standard deviation) and histograms of
+// the valid pixels of a band's values, a block's band or a raster's band.
+#pragma once
+
+#include <optional>
+
+#include "raster/model.h"
+
+namespace pw::raster {
+
+// Running sums over valid values; merge blocks by adding.
+struct Moments {
+  double minimum = 0, maximum = 0, sum = 0, sumOfSquares = 0;
+  std::size_t count = 0;
+  void Add(double v);
+  void Merge(const Moments& other);
+};
+
+// Histograms have 256 bins over [minimum, maximum]; 8-bit types get one bin per value
+// over [0, 255] (or their narrower range).
+inline constexpr LONG kHistogramBins = 256;
+
+// Accumulates the valid pixels of typed values (those equal to `noData` are skipped).
+Moments ComputeMoments(LONG pixelType, const void* values, const BYTE* mask, std::size_t count,
+                       std::optional<double> noData);
+void AccumulateHistogram(LONG pixelType, const void* values, const BYTE* mask, std::size_t count,
+                         std::optional<double> noData, double lo, double hi,
+                         std::vector<double>* bins);
+void HistogramRange(LONG pixelType, const Moments& m, double* lo, double* hi);
+
+HRESULT MakeStatistics(const Moments& m, IRasterStatistics** statistics);
+HRESULT MakeHistogram(double lo, double hi, std::vector<double> bins, IRasterHistogram** histogram);
+
+// A block's band.
+HRESULT ComputeBlockStatistics(IPixelBlock* block, LONG band, IRasterStatistics** statistics,
+                               IRasterHistogram** histogram);
+// A raster's band, read in blocks of `blockRows` rows (two passes: range, then bins).
+HRESULT ComputeRasterStatistics(IRaster* raster, LONG band, IRasterStatistics** statistics,
+                                IRasterHistogram** histogram, LONG blockRows = 256);
+
+}  // namespace pw::raster

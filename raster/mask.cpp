@@ -1,0 +1,74 @@
+// Word-at-a-time mask operations.
+#include "raster/mask.h"
+
+#include <bit>
+#include <cstring>
+
+namespace pw::raster::mask {
+namespace {
+
+template <class Op>
+void Combine(std::uint8_t* d, const std::uint8_t* s, std::size_t bytes, Op op) {
+  std::size_t i = 0;
+  for (; i + 8 <= bytes; i += 8) {
+    std::uint64_t a, b;
+    std::memcpy(&a, d + i, 8);
+    std::memcpy(&b, s + i, 8);
+    a = op(a, b);
+    std::memcpy(d + i, &a, 8);
+  }
+  for (; i < bytes; ++i) d[i] = static_cast<std::uint8_t>(op(d[i], s[i]));
+}
+
+// The bits of the last byte that belong to pixels.
+std::uint8_t TailBits(std::size_t pixels) {
+  const std::size_t used = pixels & 7;
+  return used == 0 ? 0xFF : static_cast<std::uint8_t>(0xFF << (8 - used));
+}
+
+}  // namespace
+
+void Fill(std::uint8_t* m, std::size_t pixels, bool valid) {
+  const std::size_t bytes = Bytes(pixels);
+  if (bytes == 0) return;
+  std::memset(m, valid ? 0xFF : 0x00, bytes);
+  if (valid) m[bytes - 1] &= TailBits(pixels);
+}
+
+std::size_t Count(const std::uint8_t* m, std::size_t pixels) {
+  const std::size_t full = pixels / 8;
+  std::size_t n = 0, i = 0;
+  for (; i + 8 <= full; i += 8) {
+    std::uint64_t w;
+    std::memcpy(&w, m + i, 8);
+    n += static_cast<std::size_t>(std::popcount(w));
+  }
+  for (; i < full; ++i) n += static_cast<std::size_t>(std::popcount(static_cast<unsigned>(m[i])));
+  if (pixels & 7)
+    n += static_cast<std::size_t>(std::popcount(static_cast<unsigned>(m[full] & TailBits(pixels))));
+  return n;
+}
+
+bool AllValid(const std::uint8_t* m, std::size_t pixels) {
+  const std::size_t full = pixels / 8;
+  std::size_t i = 0;
+  for (; i + 8 <= full; i += 8) {
+    std::uint64_t w;
+    std::memcpy(&w, m + i, 8);
+    if (w != ~std::uint64_t{0}) return false;
+  }
+  for (; i < full; ++i)
+    if (m[i] != 0xFF) return false;
+  if (pixels & 7) return (m[full] & TailBits(pixels)) == TailBits(pixels);
+  return true;
+}
+
+void Union(std::uint8_t* d, const std::uint8_t* s, std::size_t bytes) {
+  Combine(d, s, bytes, [](auto a, auto b) { return a | b; });
+}
+
+void Intersect(std::uint8_t* d, const std::uint8_t* s, std::size_t bytes) {
+  Combine(d, s, bytes, [](auto a, auto b) { return a & b; });
+}
+
+}  // namespace pw::raster::mask

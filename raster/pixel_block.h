@@ -1,0 +1,51 @@
+// Pixel blocks and conversion between pixel types.
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+#include "raster/model.h"
+#include "raster/pixel_traits.h"
+
+namespace pw::raster {
+
+class PixelBlock : public IPixelBlock {
+ public:
+  using Interfaces = InterfaceList<IPixelBlock>;
+  // Buffers start at 0 and every mask bit valid.
+  PixelBlock(LONG width, LONG height, LONG bands, LONG pixelType);
+
+  HRESULT STDMETHODCALLTYPE get_Width(LONG* width) override { return HandOut(width_, width); }
+  HRESULT STDMETHODCALLTYPE get_Height(LONG* height) override { return HandOut(height_, height); }
+  HRESULT STDMETHODCALLTYPE get_BandCount(LONG* count) override {
+    return HandOut(static_cast<LONG>(buffers_.size()), count);
+  }
+  HRESULT STDMETHODCALLTYPE get_PixelType(LONG* type) override { return HandOut(pixelType_, type); }
+  void* STDMETHODCALLTYPE Buffer(LONG band) override;
+  BYTE* STDMETHODCALLTYPE Mask(LONG band) override;
+
+ private:
+  LONG width_, height_, pixelType_;
+  std::vector<std::vector<std::uint8_t>> buffers_;
+  std::vector<std::vector<std::uint8_t>> masks_;
+};
+
+HRESULT CreatePixelBlock(LONG width, LONG height, LONG bands, LONG pixelType, IPixelBlock** block);
+
+// The shape of a block, read once.
+struct BlockShape {
+  LONG width = 0, height = 0, bands = 0, pixelType = -1;
+  std::size_t Pixels() const {
+    return static_cast<std::size_t>(width) * static_cast<std::size_t>(height);
+  }
+};
+HRESULT GetShape(IPixelBlock* block, BlockShape* shape);
+
+// Copies `source` into `target` (same size and band count) converting each value by the
+// read conversion rule; NaN into an integer type makes the pixel invalid.
+HRESULT ConvertPixelBlock(IPixelBlock* source, IPixelBlock* target);
+
+// One pixel as a double, for tests and diagnostics.
+double PixelValue(IPixelBlock* block, LONG band, std::size_t index);
+
+}  // namespace pw::raster

@@ -1,0 +1,73 @@
+// Raster views: a grid, pixel type and no-data value of their own over a source, read
+// block by block with resampling (codes 0 to 4) and type conversion. A view is itself a
+// source, so views of views, band collections of views and filters compose.
+#pragma once
+
+#include "raster/model.h"
+
+namespace pw::raster {
+
+class Raster : public IRaster, public IRasterProps, public IRasterSource {
+ public:
+  using Interfaces = InterfaceList<IRaster, IRasterProps, IRasterSource>;
+  // The view starts with the source's grid, pixel type, spatial reference and the first
+  // band's no-data value; it reads every band of the source.
+  explicit Raster(IRasterSource* source);
+
+  // IRaster
+  HRESULT STDMETHODCALLTYPE CreatePixelBlock(LONG width, LONG height, IPixelBlock** block) override;
+  HRESULT STDMETHODCALLTYPE Read(IPnt* topLeft, IPixelBlock* block) override;
+  HRESULT STDMETHODCALLTYPE ReadAt(LONG column, LONG row, IPixelBlock* block) override;
+  HRESULT STDMETHODCALLTYPE get_ResampleMethod(LONG* method) override;
+  HRESULT STDMETHODCALLTYPE put_ResampleMethod(LONG method) override;
+  HRESULT STDMETHODCALLTYPE get_Filter(IRasterFilter** filter) override;
+  HRESULT STDMETHODCALLTYPE putref_Filter(IRasterFilter* filter) override;
+
+  // IRasterProps
+  HRESULT STDMETHODCALLTYPE get_Extent(IEnvelope** extent) override;
+  HRESULT STDMETHODCALLTYPE put_Extent(IEnvelope* extent) override;
+  HRESULT STDMETHODCALLTYPE get_Width(LONG* width) override;
+  HRESULT STDMETHODCALLTYPE put_Width(LONG width) override;
+  HRESULT STDMETHODCALLTYPE get_Height(LONG* height) override;
+  HRESULT STDMETHODCALLTYPE put_Height(LONG height) override;
+  HRESULT STDMETHODCALLTYPE get_MeanCellSize(IPnt** size) override;
+  HRESULT STDMETHODCALLTYPE put_MeanCellSize(IPnt* size) override;
+  HRESULT STDMETHODCALLTYPE get_SpatialReference(ISpatialReference** reference) override;
+  HRESULT STDMETHODCALLTYPE put_SpatialReference(ISpatialReference* reference) override;
+  HRESULT STDMETHODCALLTYPE get_PixelType(LONG* type) override;
+  HRESULT STDMETHODCALLTYPE put_PixelType(LONG type) override;
+  HRESULT STDMETHODCALLTYPE get_NoDataValue(VARIANT* value) override;
+  HRESULT STDMETHODCALLTYPE put_NoDataValue(VARIANT value) override;
+  HRESULT STDMETHODCALLTYPE get_BandCount(LONG* count) override;
+
+  // IRasterSource
+  HRESULT STDMETHODCALLTYPE GetInfo(SourceInfo* info) override;
+  HRESULT STDMETHODCALLTYPE ReadWindow(LONG band, LONG column, LONG row, LONG width, LONG height,
+                                       void* buffer, BYTE* mask) override;
+
+  const RasterGrid& Grid() const { return grid_; }
+  void SetGrid(const RasterGrid& grid) { grid_ = grid; }
+
+ private:
+  HRESULT ReadBands(LONG column, LONG row, IPixelBlock* block);
+  HRESULT ReadBand(LONG band, LONG column, LONG row, LONG width, LONG height, LONG type, void* out,
+                   BYTE* mask) const;
+  HRESULT ReadAligned(LONG band, LONG column, LONG row, LONG width, LONG height, LONG type,
+                      void* out, BYTE* mask, LONG dx, LONG dy) const;
+  HRESULT ReadResampled(LONG band, LONG column, LONG row, LONG width, LONG height, LONG type,
+                        void* out, BYTE* mask) const;
+
+  ComPtr<IRasterSource> source_;
+  SourceInfo sourceInfo_;
+  RasterGrid grid_;
+  LONG pixelType_;
+  ComPtr<ISpatialReference> reference_;
+  std::optional<double> noData_;
+  LONG method_ = kNearest;
+  ComPtr<IRasterFilter> filter_;
+};
+
+// A view over every band of a source.
+HRESULT CreateRaster(IRasterSource* source, IRaster** raster);
+
+}  // namespace pw::raster
