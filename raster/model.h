@@ -120,6 +120,8 @@ enum FieldType : LONG {
 }
 
 PW_INTERFACE(IRow, IUnknown) {
+  // The field's index (names compare without case), or -1 with S_FALSE.
+  virtual HRESULT STDMETHODCALLTYPE FindField(BSTR name, LONG * index) = 0;
   virtual HRESULT STDMETHODCALLTYPE get_Value(LONG field, VARIANT * value) = 0;
   // Converts to the field's type; E_INVALIDARG when the value does not convert.
   virtual HRESULT STDMETHODCALLTYPE put_Value(LONG field, VARIANT value) = 0;

@@ -46,6 +46,7 @@ class Raster : public IRaster, public IRasterProps, public IRasterSource {
                                        void* buffer, BYTE* mask) override;
 
   const RasterGrid& Grid() const { return grid_; }
+  const ComPtr<IRasterSource>& Source() const { return source_; }
   void SetGrid(const RasterGrid& grid) { grid_ = grid; }
 
  private:

@@ -25,6 +25,18 @@ class Row : public IRow {
   using Interfaces = InterfaceList<IRow>;
   Row(std::shared_ptr<Table::Storage> storage, std::size_t index)
       : storage_(std::move(storage)), index_(index) {}
+  HRESULT STDMETHODCALLTYPE FindField(BSTR name, LONG* index) override {
+    PW_CHECK_POINTER(index);
+    *index = -1;
+    const std::u16string_view wanted(name ? name : u"", SysStringLen(name));
+    for (std::size_t i = 0; i < storage_->fields.size(); ++i) {
+      if (EqualsNoCase(storage_->fields[i].name, wanted)) {
+        *index = static_cast<LONG>(i);
+        return S_OK;
+      }
+    }
+    return S_FALSE;
+  }
   HRESULT STDMETHODCALLTYPE get_Value(LONG field, VARIANT* value) override {
     PW_CHECK_POINTER(value);
     VariantInit(value);

@@ -1,8 +1,12 @@
 // The class table: identifiers, factories and the 293 entries.
 #include <type_traits>
 
+#include "framework/arguments.h"
+#include "framework/function_raster.h"
 #include "framework/raster_info.h"
 #include "framework/relative_path_manager.h"
+#include "functions/elementary/constant_function.h"
+#include "functions/elementary/identity_function.h"
 #include "server/class_ids.h"
 #include "server/class_table.h"
 #include "server/factory.h"
@@ -24,6 +28,11 @@ struct Implementation {
 PW_IMPLEMENTED_BY(RelativePathManager, framework::RelativePathManager)
 PW_IMPLEMENTED_BY(RasterInfo, framework::RasterInfo)
 PW_IMPLEMENTED_BY(RasterInfos, framework::RasterInfos)
+PW_IMPLEMENTED_BY(RasterFunctionArguments, framework::RasterFunctionArguments)
+PW_IMPLEMENTED_BY(FunctionRasterDataset, framework::FunctionRasterDataset)
+PW_IMPLEMENTED_BY(IdentityFunction, functions::IdentityFunction)
+PW_IMPLEMENTED_BY(ConstantFunction, functions::ConstantFunction)
+PW_IMPLEMENTED_BY(ConstantFunctionArguments, functions::ConstantFunctionArguments)
 #undef PW_IMPLEMENTED_BY
 
 template <ClassId Id>

@@ -1,6 +1,8 @@
 // Property sets and the persistence of their (name, value) list.
 #include "raster/values/property_set.h"
 
+#include <algorithm>
+
 #include "raster/values/arrays.h"
 
 namespace pw::raster {
@@ -153,11 +155,14 @@ HRESULT Codec<PropertyList>::FromJson(const Json& j, const char* k, PropertyList
 }
 
 bool Codec<PropertyList>::Equal(const PropertyList& a, const PropertyList& b) {
+  // Named values are equal whatever order they were set in.
   if (a.items.size() != b.items.size()) return false;
-  for (std::size_t i = 0; i < a.items.size(); ++i)
-    if (!EqualsNoCase(a.items[i].name, b.items[i].name) ||
-        !VariantEquals(a.items[i].value, b.items[i].value))
-      return false;
+  for (const auto& mine : a.items) {
+    const auto theirs = std::find_if(b.items.begin(), b.items.end(), [&](const Property& p) {
+      return EqualsNoCase(p.name, mine.name);
+    });
+    if (theirs == b.items.end() || !VariantEquals(mine.value, theirs->value)) return false;
+  }
   return true;
 }
 

@@ -1,0 +1,30 @@
+// IdentityFunction: a raster or dataset passed through as a function raster, pixels
+// unchanged; an "Extent" snaps outward to the input's cells and a "MultidimensionalInfo"
+// replaces the output's.
+#pragma once
+
+#include "framework/basic_function.h"
+
+namespace pw::functions {
+
+class IdentityFunction : public framework::BasicFunction, public ISimpleCollectionFunction {
+ public:
+  using Interfaces = ConcatInterfacesT<framework::BasicFunction::Interfaces,
+                                       InterfaceList<ISimpleCollectionFunction>>;
+  static constexpr std::string_view kTypeName = "IdentityFunction";
+
+  IdentityFunction();
+  HRESULT STDMETHODCALLTYPE get_Input(IRaster** raster) override;
+
+ protected:
+  HRESULT BindImpl(IRasterFunctionArguments* arguments) override;
+  HRESULT ReadImpl(LONG column, LONG row, IPixelBlock* block) override;
+  std::u16string_view TypeName() const override { return u"IdentityFunction"; }
+  CLSID ClassId() const override { return ClassIdFromName("IdentityFunction"); }
+  std::vector<int> OwnVersions() const override { return {0, 0, 0, 0, 1}; }
+
+ private:
+  LONG columnOffset_ = 0, rowOffset_ = 0;
+};
+
+}  // namespace pw::functions

@@ -1,0 +1,20 @@
+// Datasets named by text ("dem.tif", "/vsizip/a.zip/b.tif") open through openers that
+// the linked layers register (the GDAL layer registers one); the framework and the
+// functions never depend on a particular format library.
+#pragma once
+
+#include <string_view>
+
+#include "raster/model.h"
+
+namespace pw::raster {
+
+using DatasetOpener = HRESULT (*)(std::u16string_view name, IRasterDataset** dataset);
+
+void RegisterDatasetOpener(DatasetOpener opener);
+
+// Asks the openers in the order they were registered; the first answer that is not
+// E_NOTIMPL counts. Without any opener the result is E_NOTIMPL with a message.
+HRESULT OpenDatasetByName(std::u16string_view name, IRasterDataset** dataset);
+
+}  // namespace pw::raster
