@@ -1,0 +1,37 @@
+// Function chains as JSON:
+//
+//   { "function": "IdentityFunction",
+//     "arguments": { "Raster": "dem.tif" },
+//     "pixelType": 9, "name": "DEM as float" }
+//
+// "function" is a bare class name or a programmatic identifier; "arguments" is read by the
+// arguments class's own JSON reader ("type" may name the class, else the function's
+// companion class is used, else the general one). A dataset-valued argument is a dataset
+// name (relative paths are taken from the chain file's folder), a nested chain object, or
+// an array of these. Loading binds the chain; a bound chain saves back to the same form.
+#pragma once
+
+#include <filesystem>
+#include <string>
+#include <string_view>
+
+#include "framework/function_interfaces.h"
+#include "raster/persist/json.h"
+
+namespace pw::framework {
+
+// Loads and binds a chain; relative dataset names are resolved against `baseFolder`.
+HRESULT LoadChain(const persist::Json& chain, const std::filesystem::path& baseFolder,
+                  IFunctionRasterDataset** dataset);
+HRESULT LoadChainText(std::string_view text, const std::filesystem::path& baseFolder,
+                      IFunctionRasterDataset** dataset);
+// Reads the file and loads it with its folder as the base.
+HRESULT LoadChainFile(const std::filesystem::path& file, IFunctionRasterDataset** dataset);
+
+// The chain of a function raster dataset in the form above.
+HRESULT SaveChain(IFunctionRasterDataset* dataset, persist::Json* chain);
+
+// Whether an argument of this name holds datasets in the general arguments class.
+bool IsDatasetArgumentName(std::u16string_view name);
+
+}  // namespace pw::framework

@@ -1,0 +1,353 @@
+// GDAL-backed datasets: description on open, pooled handles for reads.
+#include "raster/gdal/gdal_dataset.h"
+
+#include <cpl_conv.h>
+#include <cpl_error.h>
+#include <gdal.h>
+#include <gdal_rat.h>
+#include <ogr_srs_api.h>
+
+#include <cmath>
+#include <cstring>
+
+#include "raster/mask.h"
+#include "raster/opener.h"
+#include "raster/pixel_traits.h"
+#include "raster/raster_view.h"
+#include "raster/table.h"
+#include "raster/values/raster_colormap.h"
+#include "raster/values/raster_statistics.h"
+#include "raster/values/spatial_reference.h"
+
+namespace pw::raster::gdal {
+namespace {
+
+std::string LastGdalError() {
+  const char* message = CPLGetLastErrorMsg();
+  return message && *message ? message : "GDAL gave no reason";
+}
+
+HRESULT OpenByName(std::u16string_view name, IRasterDataset** dataset) {
+  return Guard([&]() -> HRESULT {
+    auto object = MakeObject<GdalDataset>();
+    PW_RETURN_IF_FAILED(object->Open(ToUtf8(name)));
+    return object->QueryInterface(IidOf<IRasterDataset>(), reinterpret_cast<void**>(dataset));
+  });
+}
+
+ComPtr<ISpatialReference> ReferenceOf(const char* wkt) {
+  if (wkt == nullptr || *wkt == '\0') return nullptr;
+  auto reference = MakeObject<SpatialReference>();
+  reference->put_WKT(Bstr(std::string_view(wkt)).Get());
+  OGRSpatialReferenceH sr = OSRNewSpatialReference(wkt);
+  if (sr != nullptr) {
+    OSRAutoIdentifyEPSG(sr);
+    const char* authority = OSRGetAuthorityName(sr, nullptr);
+    const char* code = OSRGetAuthorityCode(sr, nullptr);
+    if (authority && code && std::strcmp(authority, "EPSG") == 0)
+      reference->put_FactoryCode(std::atoi(code));
+    reference->put_Kind(OSRIsGeographic(sr)  ? kGeographic
+                        : OSRIsProjected(sr) ? kProjected
+                                             : kUnknownReference);
+    OSRDestroySpatialReference(sr);
+  }
+  return reference.As<ISpatialReference>();
+}
+
+ComPtr<ITable> TableOf(GDALRasterAttributeTableH rat) {
+  auto table = MakeObject<Table>();
+  const int columns = GDALRATGetColumnCount(rat);
+  for (int c = 0; c < columns; ++c) {
+    const GDALRATFieldType type = GDALRATGetTypeOfCol(rat, c);
+    const LONG fieldType = type == GFT_Integer ? kFieldLong
+                           : type == GFT_Real  ? kFieldDouble
+                                               : kFieldString;
+    table->AddField(Bstr(std::string_view(GDALRATGetNameOfCol(rat, c))).Get(), fieldType);
+  }
+  const int rows = GDALRATGetRowCount(rat);
+  for (int r = 0; r < rows; ++r) {
+    ComPtr<IRow> row;
+    table->AddRow(&row);
+    for (int c = 0; c < columns; ++c) {
+      const GDALRATFieldType type = GDALRATGetTypeOfCol(rat, c);
+      if (type == GFT_Integer) {
+        row->put_Value(c, Variant(std::int32_t{GDALRATGetValueAsInt(rat, r, c)}));
+      } else if (type == GFT_Real) {
+        row->put_Value(c, Variant(GDALRATGetValueAsDouble(rat, r, c)));
+      } else {
+        row->put_Value(c, Variant(std::string_view(GDALRATGetValueAsString(rat, r, c))));
+      }
+    }
+  }
+  return table.As<ITable>();
+}
+
+}  // namespace
+
+void Initialize() {
+  static const bool done = [] {
+    GDALAllRegister();
+    // GDAL's messages become Pixwerk's error messages instead of lines on stderr.
+    CPLSetErrorHandler(CPLQuietErrorHandler);
+    RegisterDatasetOpener(&OpenByName);
+    return true;
+  }();
+  (void)done;
+}
+
+LONG PixelTypeOfGdal(int gdalType, bool signedByte) {
+  switch (gdalType) {
+    case GDT_Byte:
+      return signedByte ? kPixelS8 : kPixelU8;
+    case GDT_UInt16:
+      return kPixelU16;
+    case GDT_Int16:
+      return kPixelS16;
+    case GDT_UInt32:
+      return kPixelU32;
+    case GDT_Int32:
+      return kPixelS32;
+    case GDT_Float32:
+      return kPixelF32;
+    case GDT_Float64:
+      return kPixelF64;
+    default:
+      return -1;
+  }
+}
+
+int GdalTypeOfPixelType(LONG pixelType) {
+  switch (pixelType) {
+    case 0:
+    case 1:
+    case 2:
+    case 3:
+    case 4:
+      return GDT_Byte;
+    case 5:
+      return GDT_UInt16;
+    case 6:
+      return GDT_Int16;
+    case 7:
+      return GDT_UInt32;
+    case 8:
+      return GDT_Int32;
+    case 9:
+      return GDT_Float32;
+    case 10:
+      return GDT_Float64;
+    default:
+      return GDT_Unknown;
+  }
+}
+
+GdalDataset::~GdalDataset() {
+  for (void* handle : pool_) GDALClose(static_cast<GDALDatasetH>(handle));
+}
+
+HRESULT GdalDataset::Open(const std::string& name) {
+  name_ = name;
+  CPLErrorReset();
+  GDALDatasetH h =
+      GDALOpenEx(name.c_str(), GDAL_OF_RASTER | GDAL_OF_READONLY | GDAL_OF_VERBOSE_ERROR, nullptr,
+                 nullptr, nullptr);
+  if (h == nullptr)
+    return ReportError(STG_E_FILENOTFOUND, "cannot open raster '" + name + "': " + LastGdalError());
+  pool_.push_back(h);
+  const int columns = GDALGetRasterXSize(h), rows = GDALGetRasterYSize(h),
+            bands = GDALGetRasterCount(h);
+  if (bands < 1) return ReportError(E_INVALIDARG, "raster '" + name + "' has no bands");
+  double t[6];
+  if (GDALGetGeoTransform(h, t) == CE_None) {
+    if (t[2] != 0 || t[4] != 0 || t[1] <= 0 || t[5] >= 0)
+      return ReportError(
+          E_NOTIMPL, "raster '" + name + "' is rotated or not north-up, which is not supported");
+    std::copy(t, t + 6, transform_);
+  } else {
+    const double identity[6] = {0, 1, 0, static_cast<double>(rows), 0, -1};
+    std::copy(identity, identity + 6, transform_);
+  }
+  info_.grid = RasterGrid{transform_[0],
+                          transform_[3] + rows * transform_[5],
+                          transform_[0] + columns * transform_[1],
+                          transform_[3],
+                          columns,
+                          rows};
+  info_.bandCount = bands;
+  info_.reference = ReferenceOf(GDALGetProjectionRef(h));
+  for (int b = 1; b <= bands; ++b) {
+    GDALRasterBandH band = GDALGetRasterBand(h, b);
+    const char* pixelType = GDALGetMetadataItem(band, "PIXELTYPE", "IMAGE_STRUCTURE");
+    const LONG type = PixelTypeOfGdal(GDALGetRasterDataType(band),
+                                      pixelType && std::strcmp(pixelType, "SIGNEDBYTE") == 0);
+    if (type < 0) {
+      return ReportError(E_NOTIMPL, "raster '" + name + "' band " + std::to_string(b) + " holds " +
+                                        GDALGetDataTypeName(GDALGetRasterDataType(band)) +
+                                        " values, which Pixwerk does not compute");
+    }
+    if (b == 1) info_.pixelType = type;
+    if (type != info_.pixelType)
+      return ReportError(E_NOTIMPL, "raster '" + name + "' mixes pixel types between bands");
+    int hasNoData = 0;
+    const double noData = GDALGetRasterNoDataValue(band, &hasNoData);
+    info_.noData.push_back(hasNoData ? std::optional<double>(noData) : std::nullopt);
+    hasMask_.push_back((GDALGetMaskFlags(band) & GMF_ALL_VALID) == 0);
+
+    auto description = MakeObject<MemoryBand>(type, 0);
+    description->SetNoData(info_.noData.back());
+    const char* bandName = GDALGetDescription(band);
+    if (bandName && *bandName) {
+      description->put_Name(Bstr(std::string_view(bandName)).Get());
+      ComPtr<IPropertySet> properties;
+      description->get_Properties(&properties);
+      properties->SetProperty(Bstr(u"BandName").Get(), Variant(std::string_view(bandName)));
+    }
+    double mn = 0, mx = 0, mean = 0, sd = 0;
+    if (GDALGetRasterStatistics(band, FALSE, FALSE, &mn, &mx, &mean, &sd) == CE_None) {
+      auto statistics = MakeObject<RasterStatistics>();
+      statistics->put_Minimum(mn);
+      statistics->put_Maximum(mx);
+      statistics->put_Mean(mean);
+      statistics->put_StandardDeviation(sd);
+      statistics->put_IsValid(VARIANT_TRUE);
+      description->put_Statistics(statistics.As<IRasterStatistics>().Get());
+    }
+    int buckets = 0;
+    GUIntBig* counts = nullptr;
+    if (GDALGetDefaultHistogramEx(band, &mn, &mx, &buckets, &counts, FALSE, nullptr, nullptr) ==
+            CE_None &&
+        counts) {
+      auto histogram = MakeObject<RasterHistogram>();
+      histogram->PutRange(mn, mx);
+      for (int i = 0; i < buckets; ++i)
+        histogram->Counts().push_back(static_cast<double>(counts[i]));
+      description->put_Histogram(histogram.As<IRasterHistogram>().Get());
+    }
+    CPLFree(counts);
+    if (GDALColorTableH colors = GDALGetRasterColorTable(band)) {
+      auto colormap = MakeObject<RasterColormap>();
+      for (int i = 0; i < GDALGetColorEntryCount(colors); ++i) {
+        const GDALColorEntry* e = GDALGetColorEntry(colors, i);
+        const auto argb =
+            (static_cast<std::uint32_t>(e->c4) << 24) | (static_cast<std::uint32_t>(e->c1) << 16) |
+            (static_cast<std::uint32_t>(e->c2) << 8) | static_cast<std::uint32_t>(e->c3);
+        colormap->SetEntry(i, static_cast<LONG>(argb));
+      }
+      description->put_Colormap(colormap.As<IRasterColormap>().Get());
+    }
+    if (GDALRasterAttributeTableH rat = GDALGetDefaultRAT(band))
+      description->put_AttributeTable(TableOf(rat).Get());
+    bands_.push_back(description);
+  }
+  return S_OK;
+}
+
+void* GdalDataset::Borrow() {
+  {
+    std::lock_guard<std::mutex> hold(poolLock_);
+    if (!pool_.empty()) {
+      void* handle = pool_.back();
+      pool_.pop_back();
+      return handle;
+    }
+  }
+  return GDALOpenEx(name_.c_str(), GDAL_OF_RASTER | GDAL_OF_READONLY, nullptr, nullptr, nullptr);
+}
+
+void GdalDataset::Return(void* handle) {
+  std::lock_guard<std::mutex> hold(poolLock_);
+  pool_.push_back(handle);
+}
+
+HRESULT GdalDataset::get_Name(BSTR* name) {
+  PW_CHECK_POINTER(name);
+  return Guard([&] {
+    *name = AllocBstr(std::string_view(name_));
+    return S_OK;
+  });
+}
+
+HRESULT GdalDataset::get_BandCount(LONG* count) {
+  return HandOut(info_.bandCount, count);
+}
+
+HRESULT GdalDataset::GetBand(LONG index, IRasterBand** band) {
+  PW_CHECK_POINTER(band);
+  *band = nullptr;
+  if (index < 0 || index >= static_cast<LONG>(bands_.size())) return E_INVALIDARG;
+  return bands_[index]->QueryInterface(IidOf<IRasterBand>(), reinterpret_cast<void**>(band));
+}
+
+HRESULT GdalDataset::CreateDefaultRaster(IRaster** raster) {
+  return CreateRaster(static_cast<IRasterSource*>(this), raster);
+}
+
+HRESULT GdalDataset::GetInfo(SourceInfo* info) {
+  PW_CHECK_POINTER(info);
+  return Guard([&] {
+    *info = info_;
+    return S_OK;
+  });
+}
+
+HRESULT GdalDataset::ReadWindow(LONG band, LONG column, LONG row, LONG width, LONG height,
+                                void* buffer, BYTE* bits) {
+  if (band < 0 || band >= info_.bandCount || buffer == nullptr || bits == nullptr || width < 0 ||
+      height < 0)
+    return E_INVALIDARG;
+  return Guard([&]() -> HRESULT {
+    const std::size_t size = PixelSize(info_.pixelType);
+    const std::size_t pixels = static_cast<std::size_t>(width) * static_cast<std::size_t>(height);
+    std::memset(buffer, 0, pixels * size);
+    mask::Fill(bits, pixels, false);
+    const LONG c0 = std::max<LONG>(column, 0),
+               c1 = std::min<LONG>(column + width, info_.grid.columns);
+    const LONG r0 = std::max<LONG>(row, 0), r1 = std::min<LONG>(row + height, info_.grid.rows);
+    if (c0 >= c1 || r0 >= r1) return S_OK;
+    const int cw = c1 - c0, ch = r1 - r0;
+    void* handle = Borrow();
+    if (handle == nullptr)
+      return ReportError(E_FAIL, "cannot reopen raster '" + name_ + "': " + LastGdalError());
+    struct Giveback {
+      GdalDataset* self;
+      void* handle;
+      ~Giveback() { self->Return(handle); }
+    } giveback{this, handle};
+    GDALRasterBandH h = GDALGetRasterBand(static_cast<GDALDatasetH>(handle), band + 1);
+    auto* at = static_cast<std::uint8_t*>(buffer) +
+               (static_cast<std::size_t>(r0 - row) * static_cast<std::size_t>(width) +
+                static_cast<std::size_t>(c0 - column)) *
+                   size;
+    if (GDALRasterIOEx(h, GF_Read, c0, r0, cw, ch, at, cw, ch,
+                       static_cast<GDALDataType>(GdalTypeOfPixelType(info_.pixelType)),
+                       static_cast<GSpacing>(size), static_cast<GSpacing>(size) * width,
+                       nullptr) != CE_None)
+      return ReportError(STG_E_READFAULT,
+                         "reading raster '" + name_ + "' failed: " + LastGdalError());
+    std::vector<std::uint8_t> validity;
+    if (hasMask_[band]) {
+      validity.resize(static_cast<std::size_t>(cw) * static_cast<std::size_t>(ch));
+      if (GDALRasterIO(GDALGetMaskBand(h), GF_Read, c0, r0, cw, ch, validity.data(), cw, ch,
+                       GDT_Byte, 0, 0) != CE_None)
+        return ReportError(STG_E_READFAULT,
+                           "reading the mask of raster '" + name_ + "' failed: " + LastGdalError());
+    }
+    VisitPixelType(info_.pixelType, [&](auto tag) {
+      using T = typename decltype(tag)::type;
+      const T* values = static_cast<const T*>(buffer);
+      for (int r = 0; r < ch; ++r) {
+        for (int c = 0; c < cw; ++c) {
+          const std::size_t i =
+              static_cast<std::size_t>(r0 - row + r) * static_cast<std::size_t>(width) +
+              static_cast<std::size_t>(c0 - column + c);
+          bool valid = validity.empty() || validity[static_cast<std::size_t>(r) * cw + c] != 0;
+          if constexpr (std::is_floating_point_v<T>) valid = valid && !std::isnan(values[i]);
+          if (valid) mask::Set(bits, i);
+        }
+      }
+    });
+    return S_OK;
+  });
+}
+
+}  // namespace pw::raster::gdal

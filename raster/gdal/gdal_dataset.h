@@ -1,0 +1,60 @@
+// Datasets read through GDAL: any raster GDAL can open, by path or /vsi... name, with its
+// bands, band names, no-data values and masks, statistics and histograms when the file has
+// them, colormap, attribute table, spatial reference and geotransform. GDAL handles are
+// never shared between threads: each read borrows one from a small pool of the dataset.
+#pragma once
+
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "raster/memory_dataset.h"
+#include "raster/model.h"
+
+namespace pw::raster::gdal {
+
+// Registers GDAL's drivers and the dataset opener for names given as text. Call once
+// before opening datasets by name (the tools and tests do); calling again is harmless.
+void Initialize();
+
+// The pixel type code of a GDAL data type (signed bytes through PIXELTYPE=SIGNEDBYTE), or
+// -1 for types Pixwerk does not compute (complex, 64-bit integers).
+LONG PixelTypeOfGdal(int gdalType, bool signedByte);
+// The GDAL data type of a pixel type code (codes 0 to 3 are Byte).
+int GdalTypeOfPixelType(LONG pixelType);
+
+class GdalDataset : public IRasterDataset, public IRasterSource {
+ public:
+  using Interfaces = InterfaceList<IRasterDataset, IRasterSource>;
+  GdalDataset() = default;
+  ~GdalDataset();
+
+  // Opens `name` and reads its description; failures say why in the error object.
+  HRESULT Open(const std::string& name);
+
+  HRESULT STDMETHODCALLTYPE get_Name(BSTR* name) override;
+  HRESULT STDMETHODCALLTYPE get_BandCount(LONG* count) override;
+  HRESULT STDMETHODCALLTYPE GetBand(LONG index, IRasterBand** band) override;
+  HRESULT STDMETHODCALLTYPE CreateDefaultRaster(IRaster** raster) override;
+  HRESULT STDMETHODCALLTYPE GetInfo(SourceInfo* info) override;
+  HRESULT STDMETHODCALLTYPE ReadWindow(LONG band, LONG column, LONG row, LONG width, LONG height,
+                                       void* buffer, BYTE* mask) override;
+
+  // The affine geotransform (GDAL's order) and whether the file had one.
+  const double* GeoTransform() const { return transform_; }
+
+ private:
+  void* Borrow();             // a handle for the calling thread's read
+  void Return(void* handle);  // back to the pool
+
+  std::string name_;
+  SourceInfo info_;
+  double transform_[6] = {0, 1, 0, 0, 0, -1};
+  std::vector<bool> hasMask_;
+  std::vector<ObjectPtr<MemoryBand>> bands_;  // descriptions only (no pixels)
+  std::mutex poolLock_;
+  std::vector<void*> pool_;
+};
+
+}  // namespace pw::raster::gdal

@@ -1,0 +1,244 @@
+// GDAL datasets and export: identity chains reproduce GeoTIFFs exactly; bad input fails
+// clearly and leaves no file behind.
+#include <gtest/gtest.h>
+
+#include <gdal.h>
+#include <gdal_rat.h>
+#include <ogr_srs_api.h>
+
+#include <cmath>
+#include <filesystem>
+#include <random>
+
+#include "framework/function_raster.h"
+#include "raster/gdal/export.h"
+#include "raster/gdal/gdal_dataset.h"
+#include "raster/mask.h"
+#include "raster/opener.h"
+#include "raster/pixel_traits.h"
+#include "server/entry_points.h"
+#include "tests/test_support.h"
+
+namespace pw::raster::gdal {
+namespace {
+
+std::string Utm33Wkt() {
+  OGRSpatialReferenceH sr = OSRNewSpatialReference(nullptr);
+  OSRImportFromEPSG(sr, 32633);
+  char* wkt = nullptr;
+  OSRExportToWkt(sr, &wkt);
+  std::string out = wkt ? wkt : "";
+  CPLFree(wkt);
+  OSRDestroySpatialReference(sr);
+  return out;
+}
+
+// A 37 x 23 GeoTIFF of `type` with two bands of pseudo-random values, some set to no-data.
+std::vector<double> WriteTiff(const std::string& path, LONG type, double noData) {
+  GDALDatasetH ds = GDALCreate(GDALGetDriverByName("GTiff"), path.c_str(), 37, 23, 2,
+                               static_cast<GDALDataType>(GdalTypeOfPixelType(type)), nullptr);
+  EXPECT_NE(ds, nullptr);
+  double t[6] = {500000, 30, 0, 4600000, 0, -30};
+  GDALSetGeoTransform(ds, t);
+  GDALSetProjection(ds, Utm33Wkt().c_str());
+  std::mt19937 random(static_cast<unsigned>(type));
+  const ValueRange range = PixelRange(type);
+  std::vector<double> all;
+  for (int b = 1; b <= 2; ++b) {
+    std::vector<double> values(37 * 23);
+    for (std::size_t i = 0; i < values.size(); ++i) {
+      double v =
+          range.lowest + (random() % 1000) / 999.0 * std::min(range.highest - range.lowest, 1e6);
+      if (IsIntegerPixelType(type)) v = std::round(v);
+      if (i % 11 == 0) v = noData;
+      values[i] = v;
+    }
+    GDALRasterBandH band = GDALGetRasterBand(ds, b);
+    GDALSetRasterNoDataValue(band, noData);
+    EXPECT_EQ(GDALRasterIO(band, GF_Write, 0, 0, 37, 23, values.data(), 37, 23, GDT_Float64, 0, 0),
+              CE_None);
+    all.insert(all.end(), values.begin(), values.end());
+  }
+  GDALClose(ds);
+  return all;
+}
+
+std::vector<double> ReadTiff(const std::string& path, double* noData, double t[6],
+                             std::string* wkt) {
+  GDALDatasetH ds = GDALOpen(path.c_str(), GA_ReadOnly);
+  EXPECT_NE(ds, nullptr) << path;
+  if (ds == nullptr) return {};
+  GDALGetGeoTransform(ds, t);
+  *wkt = GDALGetProjectionRef(ds);
+  std::vector<double> all;
+  for (int b = 1; b <= GDALGetRasterCount(ds); ++b) {
+    std::vector<double> values(
+        static_cast<std::size_t>(GDALGetRasterXSize(ds) * GDALGetRasterYSize(ds)));
+    GDALRasterBandH band = GDALGetRasterBand(ds, b);
+    *noData = GDALGetRasterNoDataValue(band, nullptr);
+    EXPECT_EQ(GDALRasterIO(band, GF_Read, 0, 0, GDALGetRasterXSize(ds), GDALGetRasterYSize(ds),
+                           values.data(), GDALGetRasterXSize(ds), GDALGetRasterYSize(ds),
+                           GDT_Float64, 0, 0),
+              CE_None);
+    all.insert(all.end(), values.begin(), values.end());
+  }
+  GDALClose(ds);
+  return all;
+}
+
+// An identity function over `input` (a dataset name), as a raster to export.
+ComPtr<IRaster> IdentityOver(const std::string& input) {
+  ComPtr<IRasterFunction> f;
+  ComPtr<IRasterFunctionArguments> args;
+  EXPECT_EQ(server::CreateInstance(u"IdentityFunction", &f), S_OK);
+  EXPECT_EQ(server::CreateInstance(u"RasterFunctionArguments", &args), S_OK);
+  args->PutValue(Bstr(u"Raster").Get(), Variant(std::string_view(input)));
+  ComPtr<IFunctionRasterDataset> dataset;
+  if (FAILED(framework::CreateFunctionRasterDataset(f.Get(), args.Get(), true, &dataset)))
+    return nullptr;
+  ComPtr<IRaster> raster;
+  dataset.As<IRasterDataset>()->CreateDefaultRaster(&raster);
+  return raster;
+}
+
+class GdalTest : public ::testing::Test {
+ protected:
+  void SetUp() override { Initialize(); }
+  test::TempDir dir_;
+};
+
+class IdentityReproduces : public GdalTest, public ::testing::WithParamInterface<LONG> {};
+
+TEST_P(IdentityReproduces, EveryValueNoDataGeotransformAndReference) {
+  const LONG type = GetParam();
+  const double noData = IsIntegerPixelType(type) ? PixelRange(type).lowest + 1 : -9999.5;
+  const std::string in = (dir_ / "in.tif").string(), out = (dir_ / "out.tif").string();
+  const auto written = WriteTiff(in, type, noData);
+  const ComPtr<IRaster> raster = IdentityOver(in);
+  ASSERT_TRUE(raster) << ToUtf8(TakeErrorDescription());
+  ExportOptions options;
+  options.blockRows = 5;  // several strips, written in order by several threads
+  options.threads = 3;
+  ASSERT_EQ(ExportRaster(raster.Get(), out, options), S_OK) << ToUtf8(TakeErrorDescription());
+  double readNoData = 0, t[6] = {};
+  std::string wkt;
+  const auto read = ReadTiff(out, &readNoData, t, &wkt);
+  EXPECT_EQ(read, written);
+  EXPECT_EQ(readNoData, noData);
+  const double expected[6] = {500000, 30, 0, 4600000, 0, -30};
+  for (int i = 0; i < 6; ++i) EXPECT_EQ(t[i], expected[i]) << i;
+  EXPECT_EQ(wkt, Utm33Wkt());
+  EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir_.Path()), {}),
+            2);  // no leftovers
+}
+
+INSTANTIATE_TEST_SUITE_P(PixelTypes, IdentityReproduces, ::testing::Values(3, 5, 6, 7, 8, 9, 10),
+                         [](const auto& p) { return std::string(PixelTypeName(p.param)); });
+
+TEST_F(GdalTest, DatasetsDescribeTheirBands) {
+  const std::string path = (dir_ / "described.tif").string();
+  GDALDatasetH ds =
+      GDALCreate(GDALGetDriverByName("GTiff"), path.c_str(), 4, 3, 1, GDT_Byte, nullptr);
+  GDALRasterBandH band = GDALGetRasterBand(ds, 1);
+  GDALSetDescription(band, "Red");
+  GDALSetRasterStatistics(band, 1, 200, 50, 10);
+  GDALColorTableH colors = GDALCreateColorTable(GPI_RGB);
+  GDALColorEntry entry{255, 0, 0, 255};
+  GDALSetColorEntry(colors, 1, &entry);
+  GDALSetRasterColorTable(band, colors);
+  GDALDestroyColorTable(colors);
+  GDALClose(ds);
+
+  ComPtr<IRasterDataset> dataset;
+  ASSERT_EQ(OpenDatasetByName(ToUtf16(path), &dataset), S_OK);
+  ComPtr<IRasterBand> b;
+  ASSERT_EQ(dataset->GetBand(0, &b), S_OK);
+  Bstr name;
+  b->get_Name(&name);
+  EXPECT_EQ(name.View(), u"Red");
+  ComPtr<IRasterStatistics> statistics;
+  ASSERT_EQ(b->get_Statistics(&statistics), S_OK);
+  ASSERT_TRUE(statistics);
+  double max = 0;
+  statistics->get_Maximum(&max);
+  EXPECT_EQ(max, 200);
+  ComPtr<IRasterColormap> colormap;
+  b->get_Colormap(&colormap);
+  ASSERT_TRUE(colormap);
+  LONG value = 0, argb = 0;
+  colormap->GetEntry(1, &value, &argb);
+  EXPECT_EQ(static_cast<std::uint32_t>(argb), 0xFFFF0000u);
+  SourceInfo info;
+  dataset.As<IRasterSource>()->GetInfo(&info);
+  EXPECT_EQ(info.grid.columns, 4);
+  EXPECT_EQ(info.pixelType, 3);
+}
+
+TEST_F(GdalTest, BadInputFailsWithOneClearReason) {
+  test::WriteFile(dir_ / "text.tif", "this is not a raster");
+  const struct {
+    std::string input;
+    const char* says;
+  } cases[] = {{(dir_ / "missing.tif").string(), "missing.tif"},
+               {(dir_ / "text.tif").string(), "text.tif"}};
+  for (const auto& c : cases) {
+    EXPECT_FALSE(IdentityOver(c.input));
+    const std::string message = ToUtf8(TakeErrorDescription());
+    EXPECT_NE(message.find("IdentityFunction: the argument [Raster]"), std::string::npos)
+        << message;
+    EXPECT_NE(message.find(c.says), std::string::npos) << message;
+  }
+}
+
+TEST_F(GdalTest, FailedOrCancelledExportsLeaveNoFile) {
+  const std::string in = (dir_ / "in.tif").string();
+  WriteTiff(in, 3, 0);
+  const ComPtr<IRaster> raster = IdentityOver(in);
+  ASSERT_TRUE(raster);
+  test::WriteFile(dir_ / "plain", "x");
+  EXPECT_EQ(ExportRaster(raster.Get(), (dir_ / "plain" / "out.tif").string(), {}),
+            STG_E_ACCESSDENIED);
+  EXPECT_NE(ToUtf8(TakeErrorDescription()).find("does not exist"), std::string::npos);
+  ExportOptions cancel;
+  cancel.blockRows = 4;
+  cancel.progress = [](double done) { return done < 0.5; };
+  EXPECT_EQ(ExportRaster(raster.Get(), (dir_ / "cancelled.tif").string(), cancel), E_ABORT);
+  ClearErrorInfo();
+  ExportOptions wrongFormat;
+  wrongFormat.format = "PNG";
+  EXPECT_EQ(ExportRaster(raster.Get(), (dir_ / "x.png").string(), wrongFormat), E_INVALIDARG);
+  ClearErrorInfo();
+  // Only the input and the plain file remain.
+  EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir_.Path()), {}), 2);
+}
+
+TEST_F(GdalTest, CogAndMaskBandExports) {
+  const std::string in = (dir_ / "in.tif").string();
+  WriteTiff(in, 9, -1);
+  const ComPtr<IRaster> raster = IdentityOver(in);
+  ExportOptions cog;
+  cog.format = "COG";
+  const std::string out = (dir_ / "out.cog.tif").string();
+  ASSERT_EQ(ExportRaster(raster.Get(), out, cog), S_OK) << ToUtf8(TakeErrorDescription());
+  GDALDatasetH ds = GDALOpen(out.c_str(), GA_ReadOnly);
+  ASSERT_NE(ds, nullptr);
+  const char* layout = GDALGetMetadataItem(ds, "LAYOUT", "IMAGE_STRUCTURE");
+  EXPECT_STREQ(layout, "COG");
+  GDALClose(ds);
+
+  ExportOptions masked;
+  masked.maskBand = true;
+  const std::string maskedOut = (dir_ / "masked.tif").string();
+  ASSERT_EQ(ExportRaster(raster.Get(), maskedOut, masked), S_OK) << ToUtf8(TakeErrorDescription());
+  ds = GDALOpen(maskedOut.c_str(), GA_ReadOnly);
+  GDALRasterBandH band = GDALGetRasterBand(ds, 1);
+  EXPECT_EQ(GDALGetMaskFlags(band), GMF_PER_DATASET);
+  std::uint8_t first = 1;
+  EXPECT_EQ(GDALRasterIO(GDALGetMaskBand(band), GF_Read, 0, 0, 1, 1, &first, 1, 1, GDT_Byte, 0, 0),
+            CE_None);
+  EXPECT_EQ(first, 0);  // pixel 0 holds no-data in the input
+  GDALClose(ds);
+}
+
+}  // namespace
+}  // namespace pw::raster::gdal
