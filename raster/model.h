@@ -53,6 +53,15 @@ PW_INTERFACE(IRasterSource, IUnknown) {
                                                LONG height, void* buffer, BYTE* mask) = 0;
 };
 
+// A source that can reproject: fills a window of `grid` (a grid in another spatial
+// reference) with values of the source's pixel type, resampled with a view's resampling
+// code. Raster views use it when their spatial reference differs from the source's.
+PW_INTERFACE(IRasterWarpSource, IUnknown) {
+  virtual HRESULT STDMETHODCALLTYPE ReadWarped(
+      LONG band, const pw::raster::RasterGrid& grid, ISpatialReference* reference, LONG method,
+      LONG column, LONG row, LONG width, LONG height, void* buffer, BYTE* mask) = 0;
+};
+
 // A filter attached to a raster view: it asks for `margin` more cells on every side and
 // computes the output block from that grown input.
 PW_INTERFACE(IRasterFilter, IUnknown) {

@@ -182,6 +182,13 @@ HRESULT Raster::ReadBand(LONG band, LONG column, LONG row, LONG width, LONG heig
   if (band < 0 || band >= sourceInfo_.bandCount || out == nullptr || bits == nullptr)
     return E_INVALIDARG;
   if (width <= 0 || height <= 0) return S_OK;
+  if (warp_) {
+    return ReadConverted(static_cast<std::size_t>(width) * static_cast<std::size_t>(height), type,
+                         out, bits, [&](void* buffer, BYTE* mask) {
+                           return warp_->ReadWarped(band, grid_, reference_.Get(), method_, column,
+                                                    row, width, height, buffer, mask);
+                         });
+  }
   LONG dx = 0, dy = 0;
   const RasterGrid& s = sourceInfo_.grid;
   if (Aligned(grid_, s, &dx, &dy)) {
@@ -196,14 +203,22 @@ HRESULT Raster::ReadBand(LONG band, LONG column, LONG row, LONG width, LONG heig
 
 HRESULT Raster::ReadAligned(LONG band, LONG column, LONG row, LONG width, LONG height, LONG type,
                             void* out, BYTE* bits, LONG dx, LONG dy) const {
-  const std::size_t n = static_cast<std::size_t>(width) * static_cast<std::size_t>(height);
+  return ReadConverted(static_cast<std::size_t>(width) * static_cast<std::size_t>(height), type,
+                       out, bits, [&](void* buffer, BYTE* mask) {
+                         return source_->ReadWindow(band, column + dx, row + dy, width, height,
+                                                    buffer, mask);
+                       });
+}
+
+template <class Fetch>
+HRESULT Raster::ReadConverted(std::size_t n, LONG type, void* out, BYTE* bits,
+                              Fetch&& fetch) const {
   const ValueRange range = PixelRange(type);
   if (type == sourceInfo_.pixelType) {
-    PW_RETURN_IF_FAILED(source_->ReadWindow(band, column + dx, row + dy, width, height, out, bits));
+    PW_RETURN_IF_FAILED(fetch(out, bits));
   } else {
     std::vector<std::uint8_t> raw(n * PixelSize(sourceInfo_.pixelType));
-    PW_RETURN_IF_FAILED(
-        source_->ReadWindow(band, column + dx, row + dy, width, height, raw.data(), bits));
+    PW_RETURN_IF_FAILED(fetch(raw.data(), bits));
     VisitPixelTypes(sourceInfo_.pixelType, type, [&](auto ti, auto to) {
       using I = typename decltype(ti)::type;
       using O = typename decltype(to)::type;
@@ -437,8 +452,19 @@ HRESULT Raster::get_SpatialReference(ISpatialReference** reference) {
   return HandOut(reference_, reference);
 }
 HRESULT Raster::put_SpatialReference(ISpatialReference* reference) {
-  reference_ = reference;
-  return S_OK;
+  return Guard([&] {
+    reference_ = reference;
+    warp_ = nullptr;
+    const ComPtr<ISpatialReference>& own = sourceInfo_.reference;
+    if (!reference_ || !own || reference_.Get() == own.Get()) return S_OK;
+    VARIANT_BOOL same = VARIANT_FALSE;
+    auto clone = reference_.As<IClone>();
+    if (clone && SUCCEEDED(clone->IsEqual(own.As<IClone>().Get(), &same)) && same == VARIANT_TRUE)
+      return S_OK;
+    // Another reference: sources that can reproject do; others are read as if the same.
+    warp_ = source_.As<IRasterWarpSource>();
+    return S_OK;
+  });
 }
 
 HRESULT Raster::get_PixelType(LONG* type) {

@@ -55,6 +55,9 @@ class Raster : public IRaster, public IRasterProps, public IRasterSource {
                    BYTE* mask) const;
   HRESULT ReadAligned(LONG band, LONG column, LONG row, LONG width, LONG height, LONG type,
                       void* out, BYTE* mask, LONG dx, LONG dy) const;
+  // Fills `out` from `fetch`, which gives source-typed values and their mask.
+  template <class Fetch>
+  HRESULT ReadConverted(std::size_t pixels, LONG type, void* out, BYTE* mask, Fetch&& fetch) const;
   HRESULT ReadResampled(LONG band, LONG column, LONG row, LONG width, LONG height, LONG type,
                         void* out, BYTE* mask) const;
 
@@ -66,6 +69,9 @@ class Raster : public IRaster, public IRasterProps, public IRasterSource {
   std::optional<double> noData_;
   LONG method_ = kNearest;
   ComPtr<IRasterFilter> filter_;
+  // Set when the view's spatial reference differs from the source's and the source can
+  // reproject.
+  ComPtr<IRasterWarpSource> warp_;
 };
 
 // A view over every band of a source.

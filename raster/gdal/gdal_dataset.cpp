@@ -4,7 +4,9 @@
 #include <cpl_conv.h>
 #include <cpl_error.h>
 #include <gdal.h>
+#include <gdal_alg.h>
 #include <gdal_rat.h>
+#include <gdalwarper.h>
 #include <ogr_srs_api.h>
 
 #include <cmath>
@@ -344,6 +346,125 @@ HRESULT GdalDataset::ReadWindow(LONG band, LONG column, LONG row, LONG width, LO
           if constexpr (std::is_floating_point_v<T>) valid = valid && !std::isnan(values[i]);
           if (valid) mask::Set(bits, i);
         }
+      }
+    });
+    return S_OK;
+  });
+}
+
+}  // namespace pw::raster::gdal
+
+namespace pw::raster::gdal {
+namespace {
+
+GDALResampleAlg WarpAlgorithm(LONG method) {
+  switch (method) {
+    case kBilinear:
+    case kBilinearEdgeExtended:
+      return GRA_Bilinear;
+    case kCubic:
+      return GRA_Cubic;
+    case kMajority:
+      return GRA_Mode;
+    default:
+      return GRA_NearestNeighbour;
+  }
+}
+
+}  // namespace
+
+HRESULT GdalDataset::ReadWarped(LONG band, const RasterGrid& grid, ISpatialReference* reference,
+                                LONG method, LONG column, LONG row, LONG width, LONG height,
+                                void* buffer, BYTE* bits) {
+  if (band < 0 || band >= info_.bandCount || reference == nullptr || buffer == nullptr ||
+      bits == nullptr || width < 0 || height < 0 || !grid.Valid())
+    return E_INVALIDARG;
+  return Guard([&]() -> HRESULT {
+    const std::size_t pixels = static_cast<std::size_t>(width) * static_cast<std::size_t>(height);
+    mask::Fill(bits, pixels, false);
+    if (pixels == 0) return S_OK;
+    Bstr wkt;
+    reference->get_WKT(&wkt);
+    if (wkt.Empty())
+      return ReportError(E_INVALIDARG, std::string_view("the view's spatial reference has no WKT"));
+    void* handle = Borrow();
+    if (handle == nullptr)
+      return ReportError(E_FAIL, "cannot reopen raster '" + name_ + "': " + LastGdalError());
+    struct Giveback {
+      GdalDataset* self;
+      void* handle;
+      ~Giveback() { self->Return(handle); }
+    } giveback{this, handle};
+    const auto type = static_cast<GDALDataType>(GdalTypeOfPixelType(info_.pixelType));
+    // The window as an in-memory dataset: the values and the warper's density as alpha.
+    GDALDatasetH target =
+        GDALCreate(GDALGetDriverByName("MEM"), "", width, height, 0, GDT_Byte, nullptr);
+    if (target == nullptr)
+      return ReportError(E_OUTOFMEMORY, "cannot warp '" + name_ + "': " + LastGdalError());
+    struct Closer {
+      GDALDatasetH h;
+      ~Closer() { GDALClose(h); }
+    } closer{target};
+    GDALAddBand(target, type, nullptr);
+    GDALAddBand(target, GDT_Byte, nullptr);
+    const double cx = grid.CellX(), cy = grid.CellY();
+    double t[6] = {grid.xmin + column * cx, cx, 0, grid.ymax - row * cy, 0, -cy};
+    GDALSetGeoTransform(target, t);
+    GDALSetProjection(target, wkt.Utf8().c_str());
+
+    GDALWarpOptions* options = GDALCreateWarpOptions();
+    options->hSrcDS = static_cast<GDALDatasetH>(handle);
+    options->hDstDS = target;
+    options->nBandCount = 1;
+    options->panSrcBands = static_cast<int*>(CPLMalloc(sizeof(int)));
+    options->panSrcBands[0] = band + 1;
+    options->panDstBands = static_cast<int*>(CPLMalloc(sizeof(int)));
+    options->panDstBands[0] = 1;
+    options->nDstAlphaBand = 2;
+    options->eResampleAlg = WarpAlgorithm(method);
+    options->eWorkingDataType = GDT_Float64;
+    if (const auto& noData = info_.noData[static_cast<std::size_t>(band)]) {
+      options->padfSrcNoDataReal = static_cast<double*>(CPLMalloc(sizeof(double)));
+      options->padfSrcNoDataReal[0] = *noData;
+    }
+    options->papszWarpOptions = CSLSetNameValue(options->papszWarpOptions, "INIT_DEST", "0");
+    // Kernels at their plain size, as the view's own resampling uses them: no widening
+    // when the view's cells are larger than the file's.
+    options->papszWarpOptions = CSLSetNameValue(options->papszWarpOptions, "XSCALE", "1");
+    options->papszWarpOptions = CSLSetNameValue(options->papszWarpOptions, "YSCALE", "1");
+    CPLErrorReset();
+    options->pTransformerArg = GDALCreateGenImgProjTransformer2(options->hSrcDS, target, nullptr);
+    if (options->pTransformerArg == nullptr) {
+      const std::string why = LastGdalError();
+      GDALDestroyWarpOptions(options);
+      return ReportError(E_INVALIDARG,
+                         "cannot reproject '" + name_ + "' to the view's reference: " + why);
+    }
+    options->pfnTransformer = GDALGenImgProjTransform;
+    GDALWarpOperationH operation = GDALCreateWarpOperation(options);
+    const CPLErr warped =
+        operation ? GDALChunkAndWarpImage(operation, 0, 0, width, height) : CE_Failure;
+    const std::string why = LastGdalError();
+    if (operation) GDALDestroyWarpOperation(operation);
+    GDALDestroyGenImgProjTransformer(options->pTransformerArg);
+    GDALDestroyWarpOptions(options);
+    if (warped != CE_None)
+      return ReportError(STG_E_READFAULT, "warping raster '" + name_ + "' failed: " + why);
+
+    std::vector<std::uint8_t> density(pixels);
+    if (GDALRasterIO(GDALGetRasterBand(target, 1), GF_Read, 0, 0, width, height, buffer, width,
+                     height, type, 0, 0) != CE_None ||
+        GDALRasterIO(GDALGetRasterBand(target, 2), GF_Read, 0, 0, width, height, density.data(),
+                     width, height, GDT_Byte, 0, 0) != CE_None)
+      return ReportError(STG_E_READFAULT,
+                         "warping raster '" + name_ + "' failed: " + LastGdalError());
+    VisitPixelType(info_.pixelType, [&](auto tag) {
+      using T = typename decltype(tag)::type;
+      const T* values = static_cast<const T*>(buffer);
+      for (std::size_t i = 0; i < pixels; ++i) {
+        bool valid = density[i] >= 128;
+        if constexpr (std::is_floating_point_v<T>) valid = valid && !std::isnan(values[i]);
+        if (valid) mask::Set(bits, i);
       }
     });
     return S_OK;

@@ -24,9 +24,9 @@ LONG PixelTypeOfGdal(int gdalType, bool signedByte);
 // The GDAL data type of a pixel type code (codes 0 to 3 are Byte).
 int GdalTypeOfPixelType(LONG pixelType);
 
-class GdalDataset : public IRasterDataset, public IRasterSource {
+class GdalDataset : public IRasterDataset, public IRasterSource, public IRasterWarpSource {
  public:
-  using Interfaces = InterfaceList<IRasterDataset, IRasterSource>;
+  using Interfaces = InterfaceList<IRasterDataset, IRasterSource, IRasterWarpSource>;
   GdalDataset() = default;
   ~GdalDataset();
 
@@ -40,6 +40,12 @@ class GdalDataset : public IRasterDataset, public IRasterSource {
   HRESULT STDMETHODCALLTYPE GetInfo(SourceInfo* info) override;
   HRESULT STDMETHODCALLTYPE ReadWindow(LONG band, LONG column, LONG row, LONG width, LONG height,
                                        void* buffer, BYTE* mask) override;
+  // Reprojects through GDAL's warper; a cell is valid where the warped density is at least
+  // one half.
+  HRESULT STDMETHODCALLTYPE ReadWarped(LONG band, const RasterGrid& grid,
+                                       ISpatialReference* reference, LONG method, LONG column,
+                                       LONG row, LONG width, LONG height, void* buffer,
+                                       BYTE* mask) override;
 
   // The affine geotransform (GDAL's order) and whether the file had one.
   const double* GeoTransform() const { return transform_; }

@@ -15,7 +15,10 @@
 #include "raster/gdal/gdal_dataset.h"
 #include "raster/mask.h"
 #include "raster/opener.h"
+#include "raster/pixel_block.h"
 #include "raster/pixel_traits.h"
+#include "raster/values/geometry.h"
+#include "raster/values/spatial_reference.h"
 #include "server/entry_points.h"
 #include "tests/test_support.h"
 
@@ -238,6 +241,99 @@ TEST_F(GdalTest, CogAndMaskBandExports) {
             CE_None);
   EXPECT_EQ(first, 0);  // pixel 0 holds no-data in the input
   GDALClose(ds);
+}
+
+// A view in another spatial reference reads through the warper: each view cell takes the
+// source cell under its centre (nearest) or the interpolated value (bilinear), computed
+// here with an independent transformation; cells beyond the source are invalid.
+TEST_F(GdalTest, ViewsInAnotherReferenceReproject) {
+  const std::string in = (dir_ / "utm.tif").string();
+  constexpr int kColumns = 100, kRows = 80;
+  {
+    GDALDatasetH ds = GDALCreate(GDALGetDriverByName("GTiff"), in.c_str(), kColumns, kRows, 1,
+                                 GDT_Float32, nullptr);
+    double t[6] = {500000, 30, 0, 4600000, 0, -30};
+    GDALSetGeoTransform(ds, t);
+    GDALSetProjection(ds, Utm33Wkt().c_str());
+    std::vector<float> values(kColumns * kRows);
+    for (int r = 0; r < kRows; ++r)
+      for (int c = 0; c < kColumns; ++c)
+        values[r * kColumns + c] = static_cast<float>(c + 1000 * r);
+    ASSERT_EQ(GDALRasterIO(GDALGetRasterBand(ds, 1), GF_Write, 0, 0, kColumns, kRows, values.data(),
+                           kColumns, kRows, GDT_Float32, 0, 0),
+              CE_None);
+    GDALClose(ds);
+  }
+  OGRSpatialReferenceH utm = OSRNewSpatialReference(nullptr),
+                       geographic = OSRNewSpatialReference(nullptr);
+  OSRImportFromEPSG(utm, 32633);
+  OSRImportFromEPSG(geographic, 4326);
+  OSRSetAxisMappingStrategy(utm, OAMS_TRADITIONAL_GIS_ORDER);
+  OSRSetAxisMappingStrategy(geographic, OAMS_TRADITIONAL_GIS_ORDER);
+  OGRCoordinateTransformationH toUtm = OCTNewCoordinateTransformation(geographic, utm);
+  char* wkt = nullptr;
+  OSRExportToWkt(geographic, &wkt);
+  auto reference = MakeObject<SpatialReference>();
+  reference->put_WKT(Bstr(std::string_view(wkt)).Get());
+  CPLFree(wkt);
+
+  ComPtr<IRasterDataset> dataset;
+  ASSERT_EQ(OpenDatasetByName(ToUtf16(in), &dataset), S_OK) << ToUtf8(TakeErrorDescription());
+  // Longitude and latitude bounds a little larger than the source: its corners fall outside.
+  const double west = 14.99, east = 15.04, south = 41.525, north = 41.555;
+  constexpr LONG kViewColumns = 60, kViewRows = 45;
+  for (const LONG method : {kNearest, kBilinear}) {
+    ComPtr<IRaster> view;
+    ASSERT_EQ(dataset->CreateDefaultRaster(&view), S_OK);
+    auto props = view.As<IRasterProps>();
+    ASSERT_EQ(props->put_SpatialReference(reference.As<ISpatialReference>().Get()), S_OK);
+    auto extent = MakeObject<Envelope>();
+    extent->PutCoords(west, south, east, north);
+    ASSERT_EQ(props->put_Extent(extent.As<IEnvelope>().Get()), S_OK);
+    props->put_Width(kViewColumns);
+    props->put_Height(kViewRows);
+    props->put_PixelType(kPixelF64);
+    view->put_ResampleMethod(method);
+    ComPtr<IPixelBlock> block;
+    ASSERT_EQ(view->CreatePixelBlock(kViewColumns, kViewRows, &block), S_OK);
+    ASSERT_EQ(view->ReadAt(0, 0, block.Get()), S_OK) << ToUtf8(TakeErrorDescription());
+    int checked = 0, outside = 0;
+    for (LONG r = 0; r < kViewRows; ++r) {
+      for (LONG c = 0; c < kViewColumns; ++c) {
+        double x = west + (c + 0.5) * (east - west) / kViewColumns,
+               y = north - (r + 0.5) * (north - south) / kViewRows;
+        ASSERT_TRUE(OCTTransform(toUtm, 1, &x, &y, nullptr));
+        const double column = (x - 500000) / 30, sourceRow = (4600000 - y) / 30;
+        const std::size_t i = static_cast<std::size_t>(r * kViewColumns + c);
+        const bool valid = mask::Get(block->Mask(0), i);
+        const double value = PixelValue(block.Get(), 0, i);
+        const bool farInside = column > 1.01 && column < kColumns - 1.01 && sourceRow > 1.01 &&
+                               sourceRow < kRows - 1.01;
+        const bool farOutside =
+            column < -1 || column > kColumns + 1 || sourceRow < -1 || sourceRow > kRows + 1;
+        if (farOutside) {
+          EXPECT_FALSE(valid) << c << "," << r;
+          ++outside;
+        }
+        if (!farInside) continue;
+        ASSERT_TRUE(valid) << c << "," << r;
+        if (method == kNearest) {
+          const double fc = column - std::floor(column), fr = sourceRow - std::floor(sourceRow);
+          if (fc < 1e-3 || fc > 1 - 1e-3 || fr < 1e-3 || fr > 1 - 1e-3) continue;  // on a cell edge
+          EXPECT_EQ(value, std::floor(column) + 1000 * std::floor(sourceRow)) << c << "," << r;
+        } else {
+          // The values are linear in column and row, so interpolation reproduces them.
+          EXPECT_NEAR(value, (column - 0.5) + 1000 * (sourceRow - 0.5), 0.05) << c << "," << r;
+        }
+        ++checked;
+      }
+    }
+    EXPECT_GT(checked, 1000) << method;
+    EXPECT_GT(outside, 10) << method;
+  }
+  OCTDestroyCoordinateTransformation(toUtm);
+  OSRDestroySpatialReference(utm);
+  OSRDestroySpatialReference(geographic);
 }
 
 }  // namespace
