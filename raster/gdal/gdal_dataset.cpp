@@ -256,6 +256,13 @@ void* GdalDataset::Borrow() {
   return GDALOpenEx(name_.c_str(), GDAL_OF_RASTER | GDAL_OF_READONLY, nullptr, nullptr, nullptr);
 }
 
+HRESULT GdalDataset::Lend(std::optional<Lease>* lease) {
+  lease->emplace(this);
+  if ((*lease)->Handle() != nullptr) return S_OK;
+  lease->reset();
+  return ReportError(E_FAIL, "cannot reopen raster '" + name_ + "': " + LastGdalError());
+}
+
 void GdalDataset::Return(void* handle) {
   std::lock_guard<std::mutex> hold(poolLock_);
   pool_.push_back(handle);
@@ -307,14 +314,9 @@ HRESULT GdalDataset::ReadWindow(LONG band, LONG column, LONG row, LONG width, LO
     const LONG r0 = std::max<LONG>(row, 0), r1 = std::min<LONG>(row + height, info_.grid.rows);
     if (c0 >= c1 || r0 >= r1) return S_OK;
     const int cw = c1 - c0, ch = r1 - r0;
-    void* handle = Borrow();
-    if (handle == nullptr)
-      return ReportError(E_FAIL, "cannot reopen raster '" + name_ + "': " + LastGdalError());
-    struct Giveback {
-      GdalDataset* self;
-      void* handle;
-      ~Giveback() { self->Return(handle); }
-    } giveback{this, handle};
+    std::optional<Lease> lease;
+    PW_RETURN_IF_FAILED(Lend(&lease));
+    void* handle = lease->Handle();
     GDALRasterBandH h = GDALGetRasterBand(static_cast<GDALDatasetH>(handle), band + 1);
     auto* at = static_cast<std::uint8_t*>(buffer) +
                (static_cast<std::size_t>(r0 - row) * static_cast<std::size_t>(width) +
@@ -387,14 +389,9 @@ HRESULT GdalDataset::ReadWarped(LONG band, const RasterGrid& grid, ISpatialRefer
     reference->get_WKT(&wkt);
     if (wkt.Empty())
       return ReportError(E_INVALIDARG, std::string_view("the view's spatial reference has no WKT"));
-    void* handle = Borrow();
-    if (handle == nullptr)
-      return ReportError(E_FAIL, "cannot reopen raster '" + name_ + "': " + LastGdalError());
-    struct Giveback {
-      GdalDataset* self;
-      void* handle;
-      ~Giveback() { self->Return(handle); }
-    } giveback{this, handle};
+    std::optional<Lease> lease;
+    PW_RETURN_IF_FAILED(Lend(&lease));
+    void* handle = lease->Handle();
     const auto type = static_cast<GDALDataType>(GdalTypeOfPixelType(info_.pixelType));
     // The window as an in-memory dataset: the values and the warper's density as alpha.
     GDALDatasetH target =

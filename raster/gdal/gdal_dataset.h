@@ -6,6 +6,7 @@
 
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -51,8 +52,25 @@ class GdalDataset : public IRasterDataset, public IRasterSource, public IRasterW
   const double* GeoTransform() const { return transform_; }
 
  private:
-  void* Borrow();             // a handle for the calling thread's read
-  void Return(void* handle);  // back to the pool
+  // A handle for the calling thread's read, back in the pool when the lease ends.
+  class Lease {
+   public:
+    explicit Lease(GdalDataset* owner) : owner_(owner), handle_(owner->Borrow()) {}
+    ~Lease() {
+      if (handle_ != nullptr) owner_->Return(handle_);
+    }
+    Lease(const Lease&) = delete;
+    Lease& operator=(const Lease&) = delete;
+    void* Handle() const { return handle_; }
+
+   private:
+    GdalDataset* owner_;
+    void* handle_;
+  };
+  void* Borrow();
+  void Return(void* handle);
+  // A lease, or null with the reason in the error object.
+  HRESULT Lend(std::optional<Lease>* lease);
 
   std::string name_;
   SourceInfo info_;
