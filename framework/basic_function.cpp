@@ -6,6 +6,7 @@
 #include <cmath>
 
 #include "framework/function_raster.h"
+#include "framework/relative_path_manager.h"
 #include "raster/band_collection.h"
 #include "raster/mask.h"
 #include "raster/opener.h"
@@ -254,7 +255,9 @@ HRESULT BasicFunction::Open(const VARIANT& input, IRaster** raster) {
   *raster = nullptr;
   if (input.vt == VT_BSTR) {
     ComPtr<IRasterDataset> dataset;
-    PW_RETURN_IF_FAILED(raster::OpenDatasetByName(View(input.bstrVal), &dataset));
+    // Relative names are taken from the calling thread's base folder (a chain file's).
+    PW_RETURN_IF_FAILED(
+        raster::OpenDatasetByName(ResolveDatasetName(View(input.bstrVal)), &dataset));
     return dataset->CreateDefaultRaster(raster);
   }
   if (input.vt == VT_UNKNOWN) return Open(input.punkVal, raster);

@@ -6,6 +6,7 @@
 
 #include "framework/arguments.h"
 #include "framework/function_raster.h"
+#include "framework/relative_path_manager.h"
 #include "raster/pixel_type.h"
 
 namespace pw::framework {
@@ -13,9 +14,6 @@ namespace {
 
 using persist::Json;
 namespace fs = std::filesystem;
-
-constexpr std::u16string_view kDatasetArguments[] = {u"Raster",  u"Raster2",  u"DEM",
-                                                     u"Rasters", u"Raster[]", u"$$RasterValue"};
 
 std::u16string ProgId(std::string_view name) {
   const std::string prefix = std::string(kProgIdPrefix) + ".";
@@ -37,25 +35,25 @@ HRESULT CreateByName(std::string_view name, I** object) {
                           reinterpret_cast<void**>(object));
 }
 
-// A dataset name taken relative to the chain's folder when it is a plain relative path.
-std::string ResolvePath(const std::string& name, const fs::path& base) {
-  if (name.empty() || base.empty() || name.rfind("/vsi", 0) == 0 ||
-      name.find(':') != std::string::npos)
-    return name;
-  const fs::path path(name);
-  if (path.is_absolute()) return name;
-  return (base / path).lexically_normal().string();
-}
-
 bool IsChainObject(const Json& value) {
   return value.is_object() && value.contains("function");
 }
 
-// A dataset-valued argument: a name, a nested chain, or an array of these.
-HRESULT DatasetValue(const Json& value, const fs::path& base, std::u16string_view argument,
-                     Variant* out) {
+// Whether a value holds a nested chain, directly or in an array.
+bool HoldsChain(const Json& value) {
+  if (IsChainObject(value)) return true;
+  if (!value.is_array()) return false;
+  for (const auto& element : value)
+    if (HoldsChain(element)) return true;
+  return false;
+}
+
+// A value holding nested chains: each chain loaded and bound, names kept as text (they
+// open, relative to the chain's folder, when the function binds), arrays as arrays.
+HRESULT ChainValue(const Json& value, const fs::path& base, std::u16string_view argument,
+                   Variant* out) {
   if (value.is_string()) {
-    *out = Variant(std::string_view(ResolvePath(value.get<std::string>(), base)));
+    *out = Variant(std::string_view(value.get<std::string>()));
     return S_OK;
   }
   if (IsChainObject(value)) {
@@ -70,7 +68,7 @@ HRESULT DatasetValue(const Json& value, const fs::path& base, std::u16string_vie
     LONG i = 0;
     for (const auto& element : value) {
       Variant item;
-      HRESULT hr = DatasetValue(element, base, argument, &item);
+      HRESULT hr = ChainValue(element, base, argument, &item);
       if (SUCCEEDED(hr)) hr = SafeArrayPutElement(array, &i, static_cast<VARIANT*>(&item));
       if (FAILED(hr)) {
         SafeArrayDestroy(array);
@@ -87,16 +85,10 @@ HRESULT DatasetValue(const Json& value, const fs::path& base, std::u16string_vie
   }
   return ReportError(E_INVALIDARG,
                      "the argument \"" + ToUtf8(argument) +
-                         "\" must be a dataset name, a chain object or an array of these");
+                         "\" mixes chains with values that are neither chains nor dataset names");
 }
 
 }  // namespace
-
-bool IsDatasetArgumentName(std::u16string_view name) {
-  for (auto known : kDatasetArguments)
-    if (EqualsNoCase(known, name)) return true;
-  return false;
-}
 
 HRESULT LoadChain(const Json& chain, const fs::path& base, IFunctionRasterDataset** dataset) {
   PW_CHECK_POINTER(dataset);
@@ -130,15 +122,16 @@ HRESULT LoadChain(const Json& chain, const fs::path& base, IFunctionRasterDatase
       ClearErrorInfo();
       PW_RETURN_IF_FAILED(CreateByName("RasterFunctionArguments", &args));
     }
-    // Dataset-valued arguments are opened here; the rest goes to the class's own reader.
+    // Nested chains are loaded here; everything else, dataset names included, goes to the
+    // arguments class's own reader, which decides what each argument holds.
     Json plain = Json::object();
-    std::vector<std::pair<std::u16string, Variant>> datasets;
+    std::vector<std::pair<std::u16string, Variant>> chains;
     for (const auto& [key, value] : arguments.items()) {
-      const std::u16string name = ToUtf16(key);
-      if (key != "type" && (IsDatasetArgumentName(name) || IsChainObject(value))) {
+      if (key != "type" && HoldsChain(value)) {
+        const std::u16string name = ToUtf16(key);
         Variant v;
-        PW_RETURN_IF_FAILED(DatasetValue(value, base, name, &v));
-        datasets.emplace_back(name, std::move(v));
+        PW_RETURN_IF_FAILED(ChainValue(value, base, name, &v));
+        chains.emplace_back(name, std::move(v));
       } else {
         plain[key] = value;
       }
@@ -146,8 +139,7 @@ HRESULT LoadChain(const Json& chain, const fs::path& base, IFunctionRasterDatase
     hr = args->FromJSON(Bstr(std::string_view(plain.dump())).Get());
     if (FAILED(hr))
       return ChainError(hr, ToUtf16("the arguments of '" + functionName + "' could not be read"));
-    for (auto& [name, value] : datasets)
-      PW_RETURN_IF_FAILED(args->PutValue(Bstr(name).Get(), value));
+    for (auto& [name, value] : chains) PW_RETURN_IF_FAILED(args->PutValue(Bstr(name).Get(), value));
 
     if (const auto it = chain.find("pixelType"); it != chain.end()) {
       std::optional<LONG> type;
@@ -159,6 +151,8 @@ HRESULT LoadChain(const Json& chain, const fs::path& base, IFunctionRasterDatase
     }
     if (const auto it = chain.find("name"); it != chain.end() && it->is_string())
       function->put_Name(Bstr(std::string_view(it->get<std::string>())).Get());
+    // Names in the arguments open while binding, relative to the chain's folder.
+    const ScopedBasePath basePath(base.string());
     return CreateFunctionRasterDataset(function.Get(), args.Get(), true, dataset);
   });
 }

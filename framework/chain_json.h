@@ -7,8 +7,10 @@
 // "function" is a bare class name or a programmatic identifier; "arguments" is read by the
 // arguments class's own JSON reader ("type" may name the class, else the function's
 // companion class is used, else the general one). A dataset-valued argument is a dataset
-// name (relative paths are taken from the chain file's folder), a nested chain object, or
-// an array of these. Loading binds the chain; a bound chain saves back to the same form.
+// name (relative paths are taken from the chain file's folder while the chain binds), a
+// nested chain object, or an array of these; which arguments hold datasets is for the
+// arguments class and the function to say. Loading binds the chain; a bound chain saves
+// back to the same form.
 #pragma once
 
 #include <filesystem>
@@ -30,8 +32,5 @@ HRESULT LoadChainFile(const std::filesystem::path& file, IFunctionRasterDataset*
 
 // The chain of a function raster dataset in the form above.
 HRESULT SaveChain(IFunctionRasterDataset* dataset, persist::Json* chain);
-
-// Whether an argument of this name holds datasets in the general arguments class.
-bool IsDatasetArgumentName(std::u16string_view name);
 
 }  // namespace pw::framework

@@ -2,6 +2,7 @@
 #include "framework/relative_path_manager.h"
 
 #include <filesystem>
+#include <optional>
 
 namespace pw::framework {
 namespace {
@@ -58,6 +59,39 @@ HRESULT RelativePathManager::Rewrite(BSTR path, BSTR* out, Change change) const 
     *out = AllocBstr(std::string_view(change(text)));
     return S_OK;
   });
+}
+
+ComPtr<IRelativePathManager> ThreadRelativePathManager() {
+  static const std::optional<CLSID> clsid = []() -> std::optional<CLSID> {
+    CLSID id;
+    const std::u16string progId = ToUtf16(std::string(kProgIdPrefix) + ".RelativePathManager");
+    if (FAILED(CLSIDFromProgID(progId.c_str(), &id))) return std::nullopt;
+    return id;
+  }();
+  ComPtr<IRelativePathManager> manager;
+  if (clsid && FAILED(CoCreateInstance(*clsid, nullptr, CLSCTX_INPROC_SERVER,
+                                       IidOf<IRelativePathManager>(), manager.OutVoid())))
+    manager = nullptr;
+  ClearErrorInfo();
+  return manager;
+}
+
+std::u16string ResolveDatasetName(std::u16string_view name) {
+  const ComPtr<IRelativePathManager> manager = ThreadRelativePathManager();
+  Bstr absolute;
+  if (!manager || FAILED(manager->MakeAbsolute(Bstr(name).Get(), &absolute)))
+    return std::u16string(name);
+  return absolute.Str();
+}
+
+ScopedBasePath::ScopedBasePath(const std::string& folder) : manager_(ThreadRelativePathManager()) {
+  if (!manager_) return;
+  manager_->get_BasePath(&previous_);
+  manager_->put_BasePath(Bstr(std::string_view(folder)).Get());
+}
+
+ScopedBasePath::~ScopedBasePath() {
+  if (manager_) manager_->put_BasePath(previous_.Get());
 }
 
 }  // namespace pw::framework

@@ -35,4 +35,26 @@ class RelativePathManager : public IRelativePathManager {
   std::string base_;  // UTF-8, empty when not set
 };
 
+// The calling thread's manager (its class factory keeps one per thread), or null when the
+// class is not available in this process.
+ComPtr<IRelativePathManager> ThreadRelativePathManager();
+
+// A dataset name as the calling thread's base folder makes it absolute; unchanged when no
+// manager or no base folder is set.
+std::u16string ResolveDatasetName(std::u16string_view name);
+
+// Sets the calling thread's base folder for the life of the object, then restores the
+// previous one.
+class ScopedBasePath {
+ public:
+  explicit ScopedBasePath(const std::string& folder);
+  ~ScopedBasePath();
+  ScopedBasePath(const ScopedBasePath&) = delete;
+  ScopedBasePath& operator=(const ScopedBasePath&) = delete;
+
+ private:
+  ComPtr<IRelativePathManager> manager_;
+  Bstr previous_;
+};
+
 }  // namespace pw::framework
