@@ -94,6 +94,10 @@ TEST_F(CliRun, RunsTheSampleChainAndDescribesIt) {
   EXPECT_EQ(r.status, 0) << r.out;
   EXPECT_NE(r.out.find("\"PixelType\": \"F32\""), std::string::npos) << r.out;
   EXPECT_NE(r.out.find("\"WKID\": 32633"), std::string::npos) << r.out;
+  r = RunCli("info " + Path("image.tif"));  // a raster describes itself
+  EXPECT_EQ(r.status, 0) << r.out;
+  EXPECT_NE(r.out.find("\"BandCount\": 4"), std::string::npos) << r.out;
+  EXPECT_NE(r.out.find("\"PixelType\": \"U16\""), std::string::npos) << r.out;
 }
 
 TEST_F(CliRun, FailuresSayWhyOnOneLineAndLeaveNoOutput) {

@@ -15,6 +15,7 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -41,7 +42,7 @@ constexpr GIntBig kBlockCacheBytes = GIntBig{32} << 20;
 constexpr const char* kUsageText =
     "usage: pixwerk run CHAIN.json -o OUT.tif [--format GTiff|COG] [--co KEY=VALUE]... [--threads "
     "N] [--quiet]\n"
-    "       pixwerk info CHAIN.json\n"
+    "       pixwerk info CHAIN.json|RASTER\n"
     "       pixwerk functions\n"
     "       pixwerk register [--registry FILE]\n"
     "       pixwerk unregister [--registry FILE]\n";
@@ -134,10 +135,19 @@ void OnInterrupt(int) {
   g_interrupted = true;
 }
 
+// A chain file, or any other name as the identity chain over that raster.
+HRESULT LoadChainOrRaster(const std::string& name, IFunctionRasterDataset** chain) {
+  const std::filesystem::path path(name);
+  if (path.extension() == ".json") return pw::framework::LoadChainFile(path, chain);
+  pw::persist::Json identity = {{"function", "IdentityFunction"},
+                                {"arguments", {{"Raster", name}}}};
+  return pw::framework::LoadChain(identity, std::filesystem::current_path(), chain);
+}
+
 int Info(const std::vector<std::string_view>& options) {
-  if (options.size() != 1) return Usage("'info' takes one chain file");
+  if (options.size() != 1) return Usage("'info' takes one chain file or raster");
   pw::ComPtr<IFunctionRasterDataset> chain;
-  HRESULT hr = pw::framework::LoadChainFile(std::string(options[0]), &chain);
+  HRESULT hr = LoadChainOrRaster(std::string(options[0]), &chain);
   if (FAILED(hr)) return Fail(hr, "the chain");
   pw::ComPtr<IRasterFunction> function;
   pw::ComPtr<IRasterInfo> info;
