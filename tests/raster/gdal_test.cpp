@@ -6,9 +6,11 @@
 #include <gdal_rat.h>
 #include <ogr_srs_api.h>
 
+#include <atomic>
 #include <cmath>
 #include <filesystem>
 #include <random>
+#include <thread>
 
 #include "framework/function_raster.h"
 #include "raster/gdal/export.h"
@@ -241,6 +243,94 @@ TEST_F(GdalTest, CogAndMaskBandExports) {
             CE_None);
   EXPECT_EQ(first, 0);  // pixel 0 holds no-data in the input
   GDALClose(ds);
+}
+
+// An input without a no-data value but with a mask band: the export has to pick a no-data
+// value for the masked cells, the type's far end (NaN for floats).
+TEST_F(GdalTest, MaskedCellsWithoutNoDataGetAChosenValue) {
+  const struct {
+    LONG type;
+    double expected;
+  } cases[] = {{3, 255},           {5, 65535}, {6, -32768}, {7, 4294967295.0},
+               {8, -2147483648.0}, {9, NAN},   {10, NAN}};
+  for (const auto& c : cases) {
+    const std::string in = (dir_ / "masked-in.tif").string(),
+                      out = (dir_ / "masked-out.tif").string();
+    GDALDatasetH ds = GDALCreate(GDALGetDriverByName("GTiff"), in.c_str(), 8, 4, 1,
+                                 static_cast<GDALDataType>(GdalTypeOfPixelType(c.type)), nullptr);
+    ASSERT_NE(ds, nullptr);
+    double t[6] = {0, 1, 0, 4, 0, -1};
+    GDALSetGeoTransform(ds, t);
+    std::vector<double> values(32, 7);
+    std::vector<std::uint8_t> validity(32, 255);
+    validity[5] = validity[30] = 0;
+    GDALRasterBandH band = GDALGetRasterBand(ds, 1);
+    ASSERT_EQ(GDALRasterIO(band, GF_Write, 0, 0, 8, 4, values.data(), 8, 4, GDT_Float64, 0, 0),
+              CE_None);
+    ASSERT_EQ(GDALCreateDatasetMaskBand(ds, GMF_PER_DATASET), CE_None);
+    ASSERT_EQ(GDALRasterIO(GDALGetMaskBand(band), GF_Write, 0, 0, 8, 4, validity.data(), 8, 4,
+                           GDT_Byte, 0, 0),
+              CE_None);
+    GDALClose(ds);
+    const ComPtr<IRaster> raster = IdentityOver(in);
+    ASSERT_TRUE(raster) << ToUtf8(TakeErrorDescription());
+    ASSERT_EQ(ExportRaster(raster.Get(), out, {}), S_OK) << ToUtf8(TakeErrorDescription());
+    double noData = 0, transform[6] = {};
+    std::string wkt;
+    const auto read = ReadTiff(out, &noData, transform, &wkt);
+    ASSERT_EQ(read.size(), 32u);
+    const auto same = [&](double v) {
+      return std::isnan(c.expected) ? std::isnan(v) : v == c.expected;
+    };
+    EXPECT_TRUE(same(noData)) << c.type << ": " << noData;
+    EXPECT_TRUE(same(read[5]) && same(read[30])) << c.type;
+    EXPECT_EQ(read[6], 7) << c.type;
+    std::filesystem::remove(in);
+    std::filesystem::remove(out);
+  }
+}
+
+// Reads are re-entrant: eight threads reading interleaved windows of one dataset see what
+// one thread sees.
+TEST_F(GdalTest, ConcurrentReadsEqualASingleRead) {
+  const std::string in = (dir_ / "in.tif").string();
+  const auto written = WriteTiff(in, 6, -5);
+  ComPtr<IRasterDataset> dataset;
+  ASSERT_EQ(OpenDatasetByName(ToUtf16(in), &dataset), S_OK);
+  auto source = dataset.As<IRasterSource>();
+  constexpr LONG kWidth = 37, kHeight = 23;
+  std::vector<std::int16_t> whole(kWidth * kHeight);
+  std::vector<BYTE> wholeMask(mask::Bytes(whole.size()));
+  ASSERT_EQ(source->ReadWindow(1, 0, 0, kWidth, kHeight, whole.data(), wholeMask.data()), S_OK);
+  std::atomic<int> mismatches{0};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 8; ++t) {
+    threads.emplace_back([&, t] {
+      for (int repeat = 0; repeat < 20; ++repeat) {
+        for (LONG row = t % 3; row < kHeight; row += 3) {
+          std::int16_t values[kWidth];
+          BYTE bits[mask::Bytes(kWidth)];
+          if (FAILED(source->ReadWindow(1, 0, row, kWidth, 1, values, bits))) ++mismatches;
+          for (LONG c = 0; c < kWidth; ++c) {
+            const std::size_t i = static_cast<std::size_t>(row * kWidth + c);
+            if (mask::Get(bits, static_cast<std::size_t>(c)) != mask::Get(wholeMask.data(), i) ||
+                (mask::Get(bits, static_cast<std::size_t>(c)) && values[c] != whole[i]))
+              ++mismatches;
+          }
+        }
+      }
+    });
+  }
+  for (auto& thread : threads) thread.join();
+  EXPECT_EQ(mismatches.load(), 0);
+  // And the single read matches the file: band 2 of what was written, -5 as no-data.
+  for (std::size_t i = 0; i < whole.size(); ++i) {
+    const double value = written[whole.size() + i];
+    EXPECT_EQ(mask::Get(wholeMask.data(), i), value != -5) << i;
+    if (value != -5) {
+      EXPECT_EQ(whole[i], value) << i;
+    }
+  }
 }
 
 // A view in another spatial reference reads through the warper: each view cell takes the
