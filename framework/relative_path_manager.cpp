@@ -2,7 +2,6 @@
 #include "framework/relative_path_manager.h"
 
 #include <filesystem>
-#include <optional>
 
 namespace pw::framework {
 namespace {
@@ -62,15 +61,10 @@ HRESULT RelativePathManager::Rewrite(BSTR path, BSTR* out, Change change) const 
 }
 
 ComPtr<IRelativePathManager> ThreadRelativePathManager() {
-  static const std::optional<CLSID> clsid = []() -> std::optional<CLSID> {
-    CLSID id;
-    const std::u16string progId = ToUtf16(std::string(kProgIdPrefix) + ".RelativePathManager");
-    if (FAILED(CLSIDFromProgID(progId.c_str(), &id))) return std::nullopt;
-    return id;
-  }();
+  static constexpr CLSID kClass = ClassIdFromName("RelativePathManager");
   ComPtr<IRelativePathManager> manager;
-  if (clsid && FAILED(CoCreateInstance(*clsid, nullptr, CLSCTX_INPROC_SERVER,
-                                       IidOf<IRelativePathManager>(), manager.OutVoid())))
+  if (FAILED(CoCreateInstance(kClass, nullptr, CLSCTX_INPROC_SERVER, IidOf<IRelativePathManager>(),
+                              manager.OutVoid())))
     manager = nullptr;
   ClearErrorInfo();
   return manager;

@@ -26,16 +26,7 @@ class Row : public IRow {
   Row(std::shared_ptr<Table::Storage> storage, std::size_t index)
       : storage_(std::move(storage)), index_(index) {}
   HRESULT STDMETHODCALLTYPE FindField(BSTR name, LONG* index) override {
-    PW_CHECK_POINTER(index);
-    *index = -1;
-    const std::u16string_view wanted(name ? name : u"", SysStringLen(name));
-    for (std::size_t i = 0; i < storage_->fields.size(); ++i) {
-      if (EqualsNoCase(storage_->fields[i].name, wanted)) {
-        *index = static_cast<LONG>(i);
-        return S_OK;
-      }
-    }
-    return S_FALSE;
+    return storage_->Find(name, index);
   }
   HRESULT STDMETHODCALLTYPE get_Value(LONG field, VARIANT* value) override {
     PW_CHECK_POINTER(value);
@@ -102,17 +93,21 @@ HRESULT Table::GetField(LONG index, BSTR* name, LONG* type) {
   });
 }
 
-HRESULT Table::FindField(BSTR name, LONG* index) {
+HRESULT Table::Storage::Find(BSTR name, LONG* index) const {
   PW_CHECK_POINTER(index);
   *index = -1;
   const std::u16string_view wanted(name ? name : u"", SysStringLen(name));
-  for (std::size_t i = 0; i < storage_->fields.size(); ++i) {
-    if (EqualsNoCase(storage_->fields[i].name, wanted)) {
+  for (std::size_t i = 0; i < fields.size(); ++i) {
+    if (EqualsNoCase(fields[i].name, wanted)) {
       *index = static_cast<LONG>(i);
       return S_OK;
     }
   }
   return S_FALSE;
+}
+
+HRESULT Table::FindField(BSTR name, LONG* index) {
+  return storage_->Find(name, index);
 }
 
 HRESULT Table::AddField(BSTR name, LONG type) {

@@ -31,6 +31,8 @@ class Table : public ITable {
   struct Storage {
     std::vector<Field> fields;
     std::vector<std::vector<Variant>> rows;
+    // FindField for tables and their rows: names compare without case.
+    HRESULT Find(BSTR name, LONG* index) const;
   };
 
  private:

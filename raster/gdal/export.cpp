@@ -25,11 +25,6 @@
 namespace pw::raster::gdal {
 namespace {
 
-std::string LastGdalError() {
-  const char* message = CPLGetLastErrorMsg();
-  return message && *message ? message : "GDAL gave no reason";
-}
-
 // Creation options as GDAL's string list, freed on scope exit.
 struct Options {
   char** list = nullptr;
@@ -224,7 +219,7 @@ HRESULT ExportRaster(IRaster* raster, const std::string& path, const ExportOptio
         }
       });
     }
-    std::vector<std::uint8_t> validity;
+    std::vector<std::uint8_t> validity, allValid;
     for (LONG s = 0; s < strips && failure.load() == S_OK; ++s) {
       ComPtr<IPixelBlock> block = queue.Next();
       if (!block) break;
@@ -250,12 +245,13 @@ HRESULT ExportRaster(IRaster* raster, const std::string& path, const ExportOptio
         }
       }
       if (options.maskBand && failure.load() == S_OK) {
-        validity.assign(pixels, 0);
-        for (std::size_t i = 0; i < pixels; ++i) {
-          bool valid = true;
-          for (LONG b = 0; b < bands; ++b) valid = valid && mask::Get(block->Mask(b), i);
-          validity[i] = valid ? 255 : 0;
-        }
+        // A cell is valid when it is valid in every band.
+        const std::size_t bytes = mask::Bytes(pixels);
+        allValid.assign(block->Mask(0), block->Mask(0) + bytes);
+        for (LONG b = 1; b < bands; ++b) mask::Intersect(allValid.data(), block->Mask(b), bytes);
+        validity.resize(pixels);
+        for (std::size_t i = 0; i < pixels; ++i)
+          validity[i] = mask::Get(allValid.data(), i) ? 255 : 0;
         if (GDALRasterIO(GDALGetMaskBand(GDALGetRasterBand(out, 1)), GF_Write, 0, row, width, rows,
                          validity.data(), width, rows, GDT_Byte, 0, 0) != CE_None) {
           ReportError(STG_E_WRITEFAULT,

@@ -11,6 +11,8 @@
 
 #include <cmath>
 #include <cstring>
+#include <limits>
+#include <optional>
 
 #include "raster/mask.h"
 #include "raster/opener.h"
@@ -24,9 +26,29 @@
 namespace pw::raster::gdal {
 namespace {
 
-std::string LastGdalError() {
-  const char* message = CPLGetLastErrorMsg();
-  return message && *message ? message : "GDAL gave no reason";
+// The no-data value as the band's own type, or none when the type cannot hold it.
+template <class T>
+std::optional<T> NoDataAs(const std::optional<double>& noData) {
+  if (!noData || std::isnan(*noData)) return std::nullopt;  // NaN is caught as NaN
+  if (*noData < static_cast<double>(std::numeric_limits<T>::lowest()) ||
+      *noData > static_cast<double>(std::numeric_limits<T>::max()))
+    return std::nullopt;
+  const T value = static_cast<T>(*noData);  // floats compare at their own precision
+  if (std::is_integral_v<T> && static_cast<double>(value) != *noData) return std::nullopt;
+  return value;
+}
+
+// Sets the bits first..first+count-1 of `bits` for the valid values: `cover` (a mask or
+// the warper's density, when given) at least `threshold`, not the no-data value, not NaN.
+template <class T>
+void MarkValid(const T* values, const std::uint8_t* cover, std::uint8_t threshold,
+               std::optional<T> noData, BYTE* bits, std::size_t first, std::size_t count) {
+  for (std::size_t i = 0; i < count; ++i) {
+    bool valid = cover == nullptr || cover[i] >= threshold;
+    if (noData) valid = valid && values[i] != *noData;
+    if constexpr (std::is_floating_point_v<T>) valid = valid && !std::isnan(values[i]);
+    if (valid) mask::Set(bits, first + i);
+  }
 }
 
 HRESULT OpenByName(std::u16string_view name, IRasterDataset** dataset) {
@@ -85,6 +107,11 @@ ComPtr<ITable> TableOf(GDALRasterAttributeTableH rat) {
 }
 
 }  // namespace
+
+std::string LastGdalError() {
+  const char* message = CPLGetLastErrorMsg();
+  return message && *message ? message : "GDAL gave no reason";
+}
 
 void Initialize() {
   static const bool done = [] {
@@ -193,7 +220,10 @@ HRESULT GdalDataset::Open(const std::string& name) {
     int hasNoData = 0;
     const double noData = GDALGetRasterNoDataValue(band, &hasNoData);
     info_.noData.push_back(hasNoData ? std::optional<double>(noData) : std::nullopt);
-    hasMask_.push_back((GDALGetMaskFlags(band) & GMF_ALL_VALID) == 0);
+    // A mask GDAL derives from the no-data value would read every value a second time;
+    // the read compares against no-data itself and reads only real masks and alpha.
+    const int maskFlags = GDALGetMaskFlags(band);
+    hasMask_.push_back((maskFlags & (GMF_ALL_VALID | GMF_NODATA)) == 0);
 
     auto description = MakeObject<MemoryBand>(type, 0);
     description->SetNoData(info_.noData.back());
@@ -338,16 +368,14 @@ HRESULT GdalDataset::ReadWindow(LONG band, LONG column, LONG row, LONG width, LO
     }
     VisitPixelType(info_.pixelType, [&](auto tag) {
       using T = typename decltype(tag)::type;
-      const T* values = static_cast<const T*>(buffer);
+      const std::optional<T> noData = NoDataAs<T>(info_.noData[static_cast<std::size_t>(band)]);
       for (int r = 0; r < ch; ++r) {
-        for (int c = 0; c < cw; ++c) {
-          const std::size_t i =
-              static_cast<std::size_t>(r0 - row + r) * static_cast<std::size_t>(width) +
-              static_cast<std::size_t>(c0 - column + c);
-          bool valid = validity.empty() || validity[static_cast<std::size_t>(r) * cw + c] != 0;
-          if constexpr (std::is_floating_point_v<T>) valid = valid && !std::isnan(values[i]);
-          if (valid) mask::Set(bits, i);
-        }
+        const std::size_t first =
+            static_cast<std::size_t>(r0 - row + r) * static_cast<std::size_t>(width) +
+            static_cast<std::size_t>(c0 - column);
+        MarkValid(static_cast<const T*>(buffer) + first,
+                  validity.empty() ? nullptr : validity.data() + static_cast<std::size_t>(r) * cw,
+                  1, noData, bits, first, static_cast<std::size_t>(cw));
       }
     });
     return S_OK;
@@ -457,12 +485,8 @@ HRESULT GdalDataset::ReadWarped(LONG band, const RasterGrid& grid, ISpatialRefer
                          "warping raster '" + name_ + "' failed: " + LastGdalError());
     VisitPixelType(info_.pixelType, [&](auto tag) {
       using T = typename decltype(tag)::type;
-      const T* values = static_cast<const T*>(buffer);
-      for (std::size_t i = 0; i < pixels; ++i) {
-        bool valid = density[i] >= 128;
-        if constexpr (std::is_floating_point_v<T>) valid = valid && !std::isnan(values[i]);
-        if (valid) mask::Set(bits, i);
-      }
+      MarkValid(static_cast<const T*>(buffer), density.data(), 128, std::optional<T>(), bits, 0,
+                pixels);
     });
     return S_OK;
   });

@@ -25,6 +25,9 @@ LONG PixelTypeOfGdal(int gdalType, bool signedByte);
 // The GDAL data type of a pixel type code (codes 0 to 3 are Byte).
 int GdalTypeOfPixelType(LONG pixelType);
 
+// GDAL's last error message on this thread, or a note that it gave none.
+std::string LastGdalError();
+
 class GdalDataset : public IRasterDataset, public IRasterSource, public IRasterWarpSource {
  public:
   using Interfaces = InterfaceList<IRasterDataset, IRasterSource, IRasterWarpSource>;
