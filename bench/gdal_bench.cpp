@@ -26,6 +26,17 @@ using namespace pw::raster;
 
 constexpr int kSize = 2048;
 
+std::string WktOfEpsg(int code) {
+  OGRSpatialReferenceH sr = OSRNewSpatialReference(nullptr);
+  OSRImportFromEPSG(sr, code);
+  char* wkt = nullptr;
+  OSRExportToWkt(sr, &wkt);
+  std::string text = wkt ? wkt : "";
+  CPLFree(wkt);
+  OSRDestroySpatialReference(sr);
+  return text;
+}
+
 // A tiled F32 terrain in GDAL's in-memory file system, with or without a no-data value.
 std::string Terrain(bool noData) {
   const std::string name = noData ? "/vsimem/bench-nodata.tif" : "/vsimem/bench.tif";
@@ -39,13 +50,7 @@ std::string Terrain(bool noData) {
   CSLDestroy(options);
   double t[6] = {500000, 30, 0, 4600000 + 30.0 * kSize, 0, -30};
   GDALSetGeoTransform(ds, t);
-  OGRSpatialReferenceH sr = OSRNewSpatialReference(nullptr);
-  OSRImportFromEPSG(sr, 32633);
-  char* wkt = nullptr;
-  OSRExportToWkt(sr, &wkt);
-  GDALSetProjection(ds, wkt);
-  CPLFree(wkt);
-  OSRDestroySpatialReference(sr);
+  GDALSetProjection(ds, WktOfEpsg(32633).c_str());
   std::vector<float> row(kSize);
   GDALRasterBandH band = GDALGetRasterBand(ds, 1);
   if (noData) GDALSetRasterNoDataValue(band, -9999);
@@ -94,14 +99,8 @@ BENCHMARK(BM_GdalRead)->ArgName("nodata")->Arg(0)->Arg(1);
 void BM_GdalReadReprojected(benchmark::State& state) {
   const ComPtr<IRaster> view = View(false);
   auto props = view.As<IRasterProps>();
-  OGRSpatialReferenceH sr = OSRNewSpatialReference(nullptr);
-  OSRImportFromEPSG(sr, 4326);
-  char* wkt = nullptr;
-  OSRExportToWkt(sr, &wkt);
   auto reference = MakeObject<SpatialReference>();
-  reference->put_WKT(Bstr(std::string_view(wkt)).Get());
-  CPLFree(wkt);
-  OSRDestroySpatialReference(sr);
+  reference->put_WKT(Bstr(std::string_view(WktOfEpsg(4326))).Get());
   props->put_SpatialReference(reference.As<ISpatialReference>().Get());
   auto extent = MakeObject<Envelope>();
   extent->PutCoords(15.0, 41.55, 15.7, 42.1);
