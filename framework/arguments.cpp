@@ -155,7 +155,16 @@ bool IsObject(const Variant& v) {
 
 void ResolveAndUpdate_ValueTypeDataset(IRasterFunctionArguments* a, BSTR n, IRow* r,
                                        IPropertySet* s) {
-  ResolveAs(a, n, r, s, [](Variant& v) { return IsObject(v) || v.vt == VT_BSTR; });
+  // A property set holding "acceptsScalar" (true) lets numbers and arrays stand for a
+  // dataset: the caller makes constant rasters of them.
+  Variant scalars;
+  const bool acceptsScalar = s != nullptr &&
+                             s->GetProperty(Bstr(u"acceptsScalar").Get(), &scalars) == S_OK &&
+                             scalars.ToBool().value_or(false);
+  ResolveAs(a, n, r, s, [&](Variant& v) {
+    return IsObject(v) || v.vt == VT_BSTR ||
+           (acceptsScalar && ((v.vt & VT_ARRAY) || AsType(v, VT_R8)));
+  });
 }
 void ResolveAndUpdate_ValueTypeDatasets(IRasterFunctionArguments* a, BSTR n, IRow* r,
                                         IPropertySet* s) {
@@ -253,6 +262,52 @@ std::u16string BasicFunctionArguments::GetString(std::u16string_view name,
   const Variant* v = Find(name);
   if (v == nullptr) return std::u16string(fallback);
   return Dereference(*v).ToString().value_or(std::u16string(fallback));
+}
+
+std::optional<std::vector<std::u16string>> BasicFunctionArguments::GetStringArray(
+    std::u16string_view name) const {
+  const Variant* found = Find(name);
+  if (found == nullptr) return std::nullopt;
+  const Variant v = Dereference(*found);
+  std::vector<std::u16string> out;
+  if (v.vt == VT_BSTR) return std::vector<std::u16string>{*v.ToString()};
+  if (v.vt & VT_ARRAY) {
+    if (v.parray == nullptr || v.parray->cDims != 1) return std::nullopt;
+    const VARTYPE element = static_cast<VARTYPE>(v.vt & VT_TYPEMASK);
+    for (ULONG i = 0; i < v.parray->rgsabound[0].cElements; ++i) {
+      Variant item;
+      if (FAILED(CopyArrayElement(v.parray, element,
+                                  v.parray->rgsabound[0].lLbound + static_cast<LONG>(i), &item)) ||
+          item.vt != VT_BSTR)
+        return std::nullopt;
+      out.push_back(*item.ToString());
+    }
+    return out;
+  }
+  if (v.vt == VT_UNKNOWN && v.punkVal != nullptr) {
+    if (auto texts = ComPtr<IUnknown>(v.punkVal).As<IStringArray>()) {
+      LONG n = 0;
+      texts->get_Count(&n);
+      for (LONG i = 0; i < n; ++i) {
+        Bstr text;
+        texts->get_Element(i, &text);
+        out.push_back(text.Str());
+      }
+      return out;
+    }
+    if (auto items = ComPtr<IUnknown>(v.punkVal).As<IVariantArray>()) {
+      LONG n = 0;
+      items->get_Count(&n);
+      for (LONG i = 0; i < n; ++i) {
+        Variant item;
+        items->get_Element(i, &item);
+        if (item.vt != VT_BSTR) return std::nullopt;
+        out.push_back(*item.ToString());
+      }
+      return out;
+    }
+  }
+  return std::nullopt;
 }
 
 std::optional<std::vector<double>> BasicFunctionArguments::GetDoubleArray(

@@ -76,6 +76,9 @@ class BasicFunctionArguments : public IRasterFunctionArguments2,
   // Numbers of a double, long or variant array, a SAFEARRAY or one number; nullopt when
   // the value is absent or holds something else.
   std::optional<std::vector<double>> GetDoubleArray(std::u16string_view name) const;
+  // Texts of a string or variant array, a SAFEARRAY or one text; nullopt when the value is
+  // absent or holds something else.
+  std::optional<std::vector<std::u16string>> GetStringArray(std::u16string_view name) const;
   // The object a value holds (after dereferencing a template variable), or null.
   ComPtr<IUnknown> GetObject(std::u16string_view name) const;
 

@@ -42,18 +42,6 @@ HRESULT HandString(std::u16string_view text, BSTR* out) {
   });
 }
 
-raster::RasterGrid GridOf(IRaster* raster) {
-  raster::RasterGrid g;
-  ComPtr<IRasterProps> props = ComPtr<IRaster>(raster).As<IRasterProps>();
-  if (!props) return g;
-  ComPtr<IEnvelope> extent;
-  if (SUCCEEDED(props->get_Extent(&extent)) && extent)
-    extent->QueryCoords(&g.xmin, &g.ymin, &g.xmax, &g.ymax);
-  props->get_Width(&g.columns);
-  props->get_Height(&g.rows);
-  return g;
-}
-
 }  // namespace
 
 HRESULT BlockOrigin(IPnt* origin, LONG* column, LONG* row) {
@@ -300,11 +288,12 @@ HRESULT BasicFunction::OpenRaster(IUnknown* input, bool firstBandOnly, IRaster**
 
 HRESULT BasicFunction::OpenRasters(const VARIANT& inputs, std::vector<ComPtr<IRaster>>* rasters) {
   rasters->clear();
-  if (inputs.vt == (VT_ARRAY | VT_VARIANT) && inputs.parray != nullptr) {
+  if ((inputs.vt & VT_ARRAY) && inputs.parray != nullptr && inputs.parray->cDims == 1) {
+    const VARTYPE element = static_cast<VARTYPE>(inputs.vt & VT_TYPEMASK);
     for (ULONG i = 0; i < inputs.parray->rgsabound[0].cElements; ++i) {
       Variant item;
       PW_RETURN_IF_FAILED(
-          CopyArrayElement(inputs.parray, VT_VARIANT,
+          CopyArrayElement(inputs.parray, element,
                            inputs.parray->rgsabound[0].lLbound + static_cast<LONG>(i), &item));
       ComPtr<IRaster> raster;
       PW_RETURN_IF_FAILED(Open(item, &raster));
@@ -356,7 +345,7 @@ HRESULT BasicFunction::Define(IRaster* input, LONG pixelType, IRasterInfo3** inf
       }
     }
     if (!record) record = MakeObject<RasterInfo>().As<IRasterInfo3>();
-    const raster::RasterGrid g = GridOf(input);
+    const raster::RasterGrid g = raster::GridOf(input);
     auto extent = MakeObject<raster::Envelope>();
     extent->PutCoords(g.xmin, g.ymin, g.xmax, g.ymax);
     ComPtr<ISpatialReference> reference;
@@ -409,17 +398,17 @@ HRESULT BasicFunction::ComputeExtent(const std::vector<ComPtr<IRaster>>& rasters
   PW_CHECK_POINTER(extent);
   *extent = nullptr;
   if (rasters.empty()) return E_INVALIDARG;
-  raster::RasterGrid result = GridOf(rasters.front().Get());
+  raster::RasterGrid result = raster::GridOf(rasters.front().Get());
   switch (extentType) {
     case kFirstExtent:
       break;
     case kLastExtent:
-      result = GridOf(rasters.back().Get());
+      result = raster::GridOf(rasters.back().Get());
       break;
     case kIntersection:
     case kUnion:
       for (const auto& r : rasters) {
-        const raster::RasterGrid g = GridOf(r.Get());
+        const raster::RasterGrid g = raster::GridOf(r.Get());
         if (extentType == kIntersection) {
           result.xmin = std::max(result.xmin, g.xmin), result.ymin = std::max(result.ymin, g.ymin);
           result.xmax = std::min(result.xmax, g.xmax), result.ymax = std::min(result.ymax, g.ymax);
@@ -446,7 +435,7 @@ HRESULT BasicFunction::ComputeCellsize(const std::vector<ComPtr<IRaster>>& raste
   if (rasters.empty()) return E_INVALIDARG;
   std::vector<std::pair<double, double>> cells;
   for (const auto& r : rasters) {
-    const raster::RasterGrid g = GridOf(r.Get());
+    const raster::RasterGrid g = raster::GridOf(r.Get());
     cells.emplace_back(g.CellX(), g.CellY());
   }
   switch (cellsizeType) {
@@ -500,7 +489,7 @@ HRESULT BasicFunction::ComputePixelBlockOffset(LONG, LONG, IRaster* input, IRast
   if (!extent) return S_OK;
   double xmin = 0, ymin = 0, xmax = 0, ymax = 0;
   extent->QueryCoords(&xmin, &ymin, &xmax, &ymax);
-  const raster::RasterGrid g = GridOf(input);
+  const raster::RasterGrid g = raster::GridOf(input);
   if (!g.Valid()) return E_INVALIDARG;
   *columnOffset = static_cast<LONG>(std::lround((xmin - g.xmin) / g.CellX()));
   *rowOffset = static_cast<LONG>(std::lround((g.ymax - ymax) / g.CellY()));

@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "raster/mask.h"
+#include "raster/memory_dataset.h"
 #include "raster/persist/class_registry.h"
 #include "raster/persist/document_version.h"
 #include "raster/persist/stream_io.h"
@@ -117,10 +118,45 @@ HRESULT FunctionRasterDataset::get_BandCount(LONG* count) {
   return HandOut(info_.bandCount, count);
 }
 
-HRESULT FunctionRasterDataset::GetBand(LONG, IRasterBand** band) {
+HRESULT FunctionRasterDataset::GetBand(LONG index, IRasterBand** band) {
   PW_CHECK_POINTER(band);
   *band = nullptr;
-  return E_NOTIMPL;  // band information lives in the function's raster info
+  PW_RETURN_IF_FAILED(EnsureBound());
+  if (index < 0 || index >= info_.bandCount) return E_INVALIDARG;
+  // A description of the band: its key properties as the function defines them (pixels and
+  // statistics live in the function and its raster info).
+  return Guard([&] {
+    auto description = MakeObject<raster::MemoryBand>(info_.pixelType, 0);
+    ComPtr<IPropertySet> properties;
+    description->get_Properties(&properties);
+    if (auto keys = function_.As<IRasterKeyProperties>()) {
+      ComPtr<IStringArray> names;
+      ComPtr<IVariantArray> values;
+      LONG count = 0;
+      if (SUCCEEDED(keys->GetAllBandProperties(index, &names, &values)) && names && values &&
+          SUCCEEDED(names->get_Count(&count))) {
+        for (LONG i = 0; i < count; ++i) {
+          Bstr name;
+          Variant value;
+          if (SUCCEEDED(names->get_Element(i, &name)) && SUCCEEDED(values->get_Element(i, &value)))
+            properties->SetProperty(name.Get(), value);
+        }
+      }
+      Variant bandName;
+      if (keys->GetBandProperty(Bstr(u"BandName").Get(), index, &bandName) == S_OK &&
+          bandName.vt == VT_BSTR)
+        description->put_Name(bandName.bstrVal);
+    }
+    return description->QueryInterface(IidOf<IRasterBand>(), reinterpret_cast<void**>(band));
+  });
+}
+
+HRESULT FunctionRasterDataset::GetKeyProperty(BSTR name, VARIANT* value) {
+  PW_CHECK_POINTER(value);
+  VariantInit(value);
+  PW_RETURN_IF_FAILED(EnsureBound());
+  auto keys = function_.As<IRasterKeyProperties>();
+  return keys ? keys->GetProperty(name, value) : S_FALSE;
 }
 
 HRESULT FunctionRasterDataset::CreateDefaultRaster(IRaster** raster) {

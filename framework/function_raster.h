@@ -10,12 +10,14 @@ namespace pw::framework {
 class FunctionRasterDataset : public IFunctionRasterDataset,
                               public IRasterDataset,
                               public IRasterSource,
+                              public IRasterKeyPropertySource,
                               public IPersistStream,
                               public IXMLSerialize,
                               public IJSONSerialize {
  public:
-  using Interfaces = InterfaceList<IFunctionRasterDataset, IRasterDataset, IRasterSource,
-                                   IPersistStream, IXMLSerialize, IJSONSerialize>;
+  using Interfaces =
+      InterfaceList<IFunctionRasterDataset, IRasterDataset, IRasterSource, IRasterKeyPropertySource,
+                    IPersistStream, IXMLSerialize, IJSONSerialize>;
   static constexpr std::string_view kTypeName = "FunctionRasterDataset";
 
   HRESULT STDMETHODCALLTYPE Init(IRasterFunction* function, IUnknown* arguments) override;
@@ -32,6 +34,8 @@ class FunctionRasterDataset : public IFunctionRasterDataset,
   HRESULT STDMETHODCALLTYPE GetInfo(raster::SourceInfo* info) override;
   HRESULT STDMETHODCALLTYPE ReadWindow(LONG band, LONG column, LONG row, LONG width, LONG height,
                                        void* buffer, BYTE* mask) override;
+  // The function's key properties.
+  HRESULT STDMETHODCALLTYPE GetKeyProperty(BSTR name, VARIANT* value) override;
 
   HRESULT STDMETHODCALLTYPE GetClassID(CLSID* clsid) override;
   HRESULT STDMETHODCALLTYPE IsDirty() override { return S_FALSE; }

@@ -92,6 +92,13 @@ MemoryDataset::MemoryDataset(std::u16string name, const RasterGrid& grid, LONG b
   const std::size_t pixels =
       static_cast<std::size_t>(grid.columns) * static_cast<std::size_t>(grid.rows);
   for (LONG b = 0; b < bands; ++b) bands_.push_back(MakeObject<MemoryBand>(pixelType, pixels));
+  properties_ = MakeObject<PropertySet>().As<IPropertySet>();
+}
+
+HRESULT MemoryDataset::GetKeyProperty(BSTR name, VARIANT* value) {
+  PW_CHECK_POINTER(value);
+  VariantInit(value);
+  return properties_->GetProperty(name, value);
 }
 
 HRESULT MemoryDataset::get_Name(BSTR* name) {

@@ -51,9 +51,9 @@ class MemoryBand : public IRasterBand {
   ComPtr<ITable> table_;
 };
 
-class MemoryDataset : public IRasterDataset, public IRasterSource {
+class MemoryDataset : public IRasterDataset, public IRasterSource, public IRasterKeyPropertySource {
  public:
-  using Interfaces = InterfaceList<IRasterDataset, IRasterSource>;
+  using Interfaces = InterfaceList<IRasterDataset, IRasterSource, IRasterKeyPropertySource>;
   // Pixels start at 0 and valid.
   MemoryDataset(std::u16string name, const RasterGrid& grid, LONG bands, LONG pixelType,
                 ISpatialReference* reference);
@@ -65,7 +65,10 @@ class MemoryDataset : public IRasterDataset, public IRasterSource {
   HRESULT STDMETHODCALLTYPE GetInfo(SourceInfo* info) override;
   HRESULT STDMETHODCALLTYPE ReadWindow(LONG band, LONG column, LONG row, LONG width, LONG height,
                                        void* buffer, BYTE* mask) override;
+  HRESULT STDMETHODCALLTYPE GetKeyProperty(BSTR name, VARIANT* value) override;
 
+  // Key properties of the whole dataset.
+  IPropertySet* Properties() const { return properties_.Get(); }
   MemoryBand& Band(LONG index) { return *bands_[static_cast<std::size_t>(index)].Get(); }
   const RasterGrid& Grid() const { return grid_; }
   LONG PixelType() const { return pixelType_; }
@@ -78,6 +81,7 @@ class MemoryDataset : public IRasterDataset, public IRasterSource {
   LONG pixelType_;
   ComPtr<ISpatialReference> reference_;
   std::vector<ObjectPtr<MemoryBand>> bands_;
+  ComPtr<IPropertySet> properties_;
 };
 
 // A dataset whose band b holds fill(b, column, row) (NaN makes the pixel invalid).

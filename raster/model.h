@@ -62,6 +62,13 @@ PW_INTERFACE(IRasterWarpSource, IUnknown) {
       LONG column, LONG row, LONG width, LONG height, void* buffer, BYTE* mask) = 0;
 };
 
+// A source that carries key properties of the whole raster ("VisibleBandID",
+// "WavelengthMin", ...): function rasters and in-memory datasets.
+PW_INTERFACE(IRasterKeyPropertySource, IUnknown) {
+  // S_FALSE and an empty value when the raster does not carry the property.
+  virtual HRESULT STDMETHODCALLTYPE GetKeyProperty(BSTR name, VARIANT * value) = 0;
+};
+
 // A filter attached to a raster view: it asks for `margin` more cells on every side and
 // computes the output block from that grown input.
 PW_INTERFACE(IRasterFilter, IUnknown) {

@@ -154,4 +154,22 @@ inline T ConvertValue(double v, const ValueRange& range, bool* valid) {
   }
 }
 
+// A value stored by truncation toward zero, as the pixel functions store results they do
+// not clamp: an integer type keeps the low bits of the truncated 64-bit integer (values
+// beyond the 64-bit range saturate first, NaN stores 0); a floating type converts.
+template <class T>
+inline T StoreTruncated(double v) {
+  if constexpr (std::is_floating_point_v<T>) {
+    return static_cast<T>(v);
+  } else {
+    constexpr double kLimit = 9223372036854775807.0;
+    const double t = std::trunc(v);
+    const std::int64_t whole = t >= kLimit    ? std::numeric_limits<std::int64_t>::max()
+                               : t <= -kLimit ? std::numeric_limits<std::int64_t>::min()
+                               : t == t       ? static_cast<std::int64_t>(t)
+                                              : 0;
+    return static_cast<T>(static_cast<std::uint64_t>(whole));
+  }
+}
+
 }  // namespace pw::raster

@@ -117,6 +117,36 @@ HRESULT CreateRaster(IRasterSource* source, IRaster** raster) {
   });
 }
 
+RasterGrid GridOf(IRaster* raster) {
+  RasterGrid g;
+  ComPtr<IRasterProps> props = ComPtr<IRaster>(raster).As<IRasterProps>();
+  if (!props) return g;
+  ComPtr<IEnvelope> extent;
+  if (SUCCEEDED(props->get_Extent(&extent)) && extent)
+    extent->QueryCoords(&g.xmin, &g.ymin, &g.xmax, &g.ymax);
+  props->get_Width(&g.columns);
+  props->get_Height(&g.rows);
+  return g;
+}
+
+HRESULT CreateRasterOnGrid(IRaster* raster, const RasterGrid& grid, ISpatialReference* reference,
+                           LONG pixelType, IRaster** view) {
+  PW_CHECK_POINTER(view);
+  *view = nullptr;
+  ComPtr<IRasterSource> source = ComPtr<IRaster>(raster).As<IRasterSource>();
+  if (!source || !grid.Valid()) return E_INVALIDARG;
+  return Guard([&]() -> HRESULT {
+    auto result = MakeObject<Raster>(source.Get());
+    result->SetGrid(grid);
+    if (reference != nullptr) PW_RETURN_IF_FAILED(result->put_SpatialReference(reference));
+    PW_RETURN_IF_FAILED(result->put_PixelType(pixelType));
+    LONG method = kNearest;
+    raster->get_ResampleMethod(&method);
+    PW_RETURN_IF_FAILED(result->put_ResampleMethod(method));
+    return result->QueryInterface(IidOf<IRaster>(), reinterpret_cast<void**>(view));
+  });
+}
+
 // --- IRaster -----------------------------------------------------------------------------
 
 HRESULT Raster::CreatePixelBlock(LONG width, LONG height, IPixelBlock** block) {

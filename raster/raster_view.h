@@ -74,7 +74,15 @@ class Raster : public IRaster, public IRasterProps, public IRasterSource {
   ComPtr<IRasterWarpSource> warp_;
 };
 
+// The grid of a raster (its extent and size); an empty grid for a raster without them.
+RasterGrid GridOf(IRaster* raster);
+
 // A view over every band of a source.
 HRESULT CreateRaster(IRasterSource* source, IRaster** raster);
+
+// A view of `raster` on `grid`, in `reference` (null keeps the raster's) and `pixelType`,
+// resampled with the raster's own resampling code.
+HRESULT CreateRasterOnGrid(IRaster* raster, const RasterGrid& grid, ISpatialReference* reference,
+                           LONG pixelType, IRaster** view);
 
 }  // namespace pw::raster

@@ -5,8 +5,12 @@
 #include "framework/function_raster.h"
 #include "framework/raster_info.h"
 #include "framework/relative_path_manager.h"
+#include "functions/bands/composite_band_function.h"
+#include "functions/bands/extract_band_function.h"
+#include "functions/elementary/arithmetic_function.h"
 #include "functions/elementary/constant_function.h"
 #include "functions/elementary/identity_function.h"
+#include "functions/elementary/ndvi_function.h"
 #include "server/class_ids.h"
 #include "server/class_table.h"
 #include "server/factory.h"
@@ -33,6 +37,14 @@ PW_IMPLEMENTED_BY(FunctionRasterDataset, framework::FunctionRasterDataset)
 PW_IMPLEMENTED_BY(IdentityFunction, functions::IdentityFunction)
 PW_IMPLEMENTED_BY(ConstantFunction, functions::ConstantFunction)
 PW_IMPLEMENTED_BY(ConstantFunctionArguments, functions::ConstantFunctionArguments)
+PW_IMPLEMENTED_BY(ArithmeticFunction, functions::ArithmeticFunction)
+PW_IMPLEMENTED_BY(ArithmeticFunctionArguments, functions::ArithmeticFunctionArguments)
+PW_IMPLEMENTED_BY(NDVIFunction, functions::NDVIFunction)
+PW_IMPLEMENTED_BY(NDVIFunctionArguments, functions::NDVIFunctionArguments)
+PW_IMPLEMENTED_BY(ExtractBandFunction, functions::ExtractBandFunction)
+PW_IMPLEMENTED_BY(ExtractBandFunctionArguments, functions::ExtractBandFunctionArguments)
+PW_IMPLEMENTED_BY(CompositeBandFunction, functions::CompositeBandFunction)
+PW_IMPLEMENTED_BY(CompositeBandFunctionArguments, functions::CompositeBandFunctionArguments)
 #undef PW_IMPLEMENTED_BY
 
 template <ClassId Id>

@@ -22,20 +22,6 @@ PW_REGISTER_PERSIST_CLASS(ConstantFunctionArguments, ClassIdFromName("ConstantFu
 
 namespace {
 
-// A value as the constant function stores it: truncated toward zero for integer types,
-// keeping the low bits of the truncated integer (no clamping).
-template <class T>
-T Truncated(double v) {
-  if constexpr (std::is_floating_point_v<T>) {
-    return static_cast<T>(v);
-  } else {
-    const double t = std::trunc(v);
-    const std::int64_t whole =
-        std::isfinite(t) && std::fabs(t) < 9.2e18 ? static_cast<std::int64_t>(t) : 0;
-    return static_cast<T>(static_cast<std::uint64_t>(whole));
-  }
-}
-
 double Pick(const std::vector<double>& values, LONG band) {
   return values[static_cast<std::size_t>(
       std::min<LONG>(band, static_cast<LONG>(values.size()) - 1))];
@@ -196,13 +182,14 @@ HRESULT ConstantFunction::ReadImpl(LONG, LONG, IPixelBlock* block) {
       using T = typename decltype(tag)::type;
       T* out = static_cast<T*>(block->Buffer(b));
       if (method_ == 0) {
-        const T v = Truncated<T>(Pick(constants_, b));
+        const T v = raster::StoreTruncated<T>(Pick(constants_, b));
         std::fill(out, out + pixels, v);
         return;
       }
       // Squares of 32: rows 0-31 start with the second value, rows 32-63 with the first,
       // and each row flips after every column whose index is a nonzero multiple of 32.
-      const T a = Truncated<T>(Pick(minColors_, b)), c = Truncated<T>(Pick(maxColors_, b));
+      const T a = raster::StoreTruncated<T>(Pick(minColors_, b)),
+              c = raster::StoreTruncated<T>(Pick(maxColors_, b));
       bool rowStartsWithA = true;
       for (LONG r = 0; r < shape.height; ++r) {
         if (r % 32 == 0) rowStartsWithA = !rowStartsWithA;

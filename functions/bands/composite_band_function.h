@@ -1,0 +1,48 @@
+// CompositeBandFunction: the bands of several rasters stacked into one, in order; and its
+// arguments class. Pixels are not touched: the output is a band collection.
+#pragma once
+
+#include <string_view>
+
+#include "framework/arguments.h"
+#include "functions/bands/band_composition.h"
+
+PW_INTERFACE(ICompositeBandFunctionArguments, IUnknown) {
+  // The inputs: an array of rasters, datasets, names or functions.
+  virtual HRESULT STDMETHODCALLTYPE get_Rasters(VARIANT * value) = 0;
+  virtual HRESULT STDMETHODCALLTYPE put_Rasters(VARIANT value) = 0;
+};
+
+namespace pw::functions {
+
+class CompositeBandFunctionArguments : public framework::BasicFunctionArguments,
+                                       public ICompositeBandFunctionArguments {
+ public:
+  using Interfaces = ConcatInterfacesT<framework::BasicFunctionArguments::Interfaces,
+                                       InterfaceList<ICompositeBandFunctionArguments>>;
+  static constexpr std::string_view kTypeName = "CompositeBandFunctionArguments";
+
+  HRESULT STDMETHODCALLTYPE get_Rasters(VARIANT* value) override;
+  HRESULT STDMETHODCALLTYPE put_Rasters(VARIANT value) override;
+  HRESULT STDMETHODCALLTYPE Resolve(IRow* row, IPropertySet* properties) override;
+
+ protected:
+  std::u16string_view TypeName() const override { return u"CompositeBandFunctionArguments"; }
+  CLSID ClassId() const override { return ClassIdFromName("CompositeBandFunctionArguments"); }
+  // "Raster[]" is read as "Rasters".
+  HRESULT ReadJson(const persist::Json& json) override;
+  HRESULT CreateEmpty(BasicFunctionArguments** fresh) const override;
+};
+
+class CompositeBandFunction : public BandCompositionFunction {
+ public:
+  static constexpr std::string_view kTypeName = "CompositeBandFunction";
+  CompositeBandFunction();
+
+ protected:
+  HRESULT BindImpl(IRasterFunctionArguments* arguments) override;
+  std::u16string_view TypeName() const override { return u"CompositeBandFunction"; }
+  CLSID ClassId() const override { return ClassIdFromName("CompositeBandFunction"); }
+};
+
+}  // namespace pw::functions

@@ -1,0 +1,175 @@
+// The extract band function and its arguments.
+#include "functions/bands/extract_band_function.h"
+
+#include "raster/band_indexes.h"
+#include "raster/persist/class_registry.h"
+#include "raster/values/arrays.h"
+#include "resources/string_table.h"
+
+namespace pw::functions {
+
+PW_REGISTER_PERSIST_CLASS(ExtractBandFunction, ClassIdFromName("ExtractBandFunction"));
+PW_REGISTER_PERSIST_CLASS(ExtractBandFunctionArguments,
+                          ClassIdFromName("ExtractBandFunctionArguments"));
+
+namespace {
+
+LONG BandCount(IRaster* raster) {
+  LONG n = 0;
+  if (auto props = ComPtr<IRaster>(raster).As<IRasterProps>()) props->get_BandCount(&n);
+  return n;
+}
+
+}  // namespace
+
+// --- arguments ---------------------------------------------------------------------------
+
+HRESULT ExtractBandFunctionArguments::get_Raster(VARIANT* value) {
+  return GetNamedValue(u"Raster", value);
+}
+HRESULT ExtractBandFunctionArguments::put_Raster(VARIANT value) {
+  return PutNamedValue(u"Raster", value);
+}
+HRESULT ExtractBandFunctionArguments::get_BandIDs(VARIANT* value) {
+  return Has(u"BandIDs") ? GetNamedValue(u"BandIDs", value) : GetNamedValue(u"_BANDID_", value);
+}
+HRESULT ExtractBandFunctionArguments::put_BandIDs(VARIANT value) {
+  return PutNamedValue(u"BandIDs", value);
+}
+HRESULT ExtractBandFunctionArguments::get_Selection(VARIANT* value) {
+  const LONG method = Method();
+  if (method < 1 && GetStringArray(u"BandNames").value_or(std::vector<std::u16string>{}).size())
+    return GetNamedValue(u"BandNames", value);
+  if ((method < 0 || method == 1) &&
+      GetDoubleArray(u"BandWavelengths").value_or(std::vector<double>{}).size())
+    return GetNamedValue(u"BandWavelengths", value);
+  return get_BandIDs(value);
+}
+HRESULT ExtractBandFunctionArguments::get_MissingBandAction(LONG* action) {
+  return HandOut(GetLong(u"MissingBandAction", 0), action);
+}
+HRESULT ExtractBandFunctionArguments::put_MissingBandAction(LONG action) {
+  return PutNamedValue(u"MissingBandAction", Variant(std::int32_t{action}));
+}
+HRESULT ExtractBandFunctionArguments::get_WavelengthMatchTolerance(double* tolerance) {
+  return HandOut(GetDouble(u"WavelengthMatchTolerance", 60.0), tolerance);
+}
+HRESULT ExtractBandFunctionArguments::put_WavelengthMatchTolerance(double tolerance) {
+  return PutNamedValue(u"WavelengthMatchTolerance", Variant(tolerance));
+}
+HRESULT ExtractBandFunctionArguments::get_BandWavelengths(VARIANT* value) {
+  return GetNamedValue(u"BandWavelengths", value);
+}
+HRESULT ExtractBandFunctionArguments::put_BandWavelengths(VARIANT value) {
+  return PutNamedValue(u"BandWavelengths", value);
+}
+HRESULT ExtractBandFunctionArguments::get_BandNames(VARIANT* value) {
+  return GetNamedValue(u"BandNames", value);
+}
+HRESULT ExtractBandFunctionArguments::put_BandNames(VARIANT value) {
+  return PutNamedValue(u"BandNames", value);
+}
+
+LONG ExtractBandFunctionArguments::Method() const {
+  const Variant* value = Find(u"Method");
+  if (value == nullptr) return -1;
+  return value->ToInt32().value_or(-1);
+}
+
+std::optional<std::vector<LONG>> ExtractBandFunctionArguments::BandIds() const {
+  auto numbers = GetDoubleArray(Has(u"BandIDs") ? u"BandIDs" : u"_BANDID_");
+  if (!numbers) return std::nullopt;
+  std::vector<LONG> ids;
+  for (double v : *numbers)
+    ids.push_back(v >= -2147483648.0 && v <= 2147483647.0 ? static_cast<LONG>(v) : -1);
+  return ids;
+}
+
+HRESULT ExtractBandFunctionArguments::Resolve(IRow* row, IPropertySet* properties) {
+  return Guard([&]() -> HRESULT {
+    using namespace framework;
+    ResolveAndUpdate_ValueTypeDataset(this, Bstr(u"Raster").Get(), row, properties);
+    ResolveAndUpdate_ValueTypeDoubleArray(this, Bstr(u"BandIDs").Get(), row, properties);
+    ResolveAndUpdate_ValueTypeStringArray(this, Bstr(u"BandNames").Get(), row, properties);
+    ResolveAndUpdate_ValueTypeDoubleArray(this, Bstr(u"BandWavelengths").Get(), row, properties);
+    ResolveAndUpdate_ValueTypeLong(this, Bstr(u"MissingBandAction").Get(), row, properties);
+    ResolveAndUpdate_ValueTypeDouble(this, Bstr(u"WavelengthMatchTolerance").Get(), row,
+                                     properties);
+    return BasicFunctionArguments::Resolve(row, properties);
+  });
+}
+
+HRESULT ExtractBandFunctionArguments::CreateEmpty(BasicFunctionArguments** fresh) const {
+  *fresh = MakeObject<ExtractBandFunctionArguments>().Detach();
+  return S_OK;
+}
+
+// --- the function ------------------------------------------------------------------------
+
+ExtractBandFunction::ExtractBandFunction()
+    : BandCompositionFunction(4, res::IDS_EXTRACT_BAND_FUNCTION_NAME,
+                              res::IDS_EXTRACT_BAND_FUNCTION_DESCRIPTION) {}
+
+HRESULT ExtractBandFunction::BindImpl(IRasterFunctionArguments* arguments) {
+  auto* args = dynamic_cast<ExtractBandFunctionArguments*>(arguments);
+  if (args == nullptr) return ChainBindError(E_INVALIDARG, res::IDS_FUNCTION_BIND_FAILED);
+  const Variant* value = args->Find(u"Raster");
+  if (value == nullptr || value->IsEmpty()) return InvalidRaster(u"Raster");
+  ComPtr<IRaster> input;
+  if (FAILED(Open(*value, &input)))
+    return ChainParamBindError(u"Raster", E_INVALIDARG, framework::kRasterDataset);
+  const LONG action = args->GetLong(u"MissingBandAction", 0);
+  const double tolerance = args->GetDouble(u"WavelengthMatchTolerance", 60.0);
+  const LONG method = args->Method();
+
+  // The selecting list: names unless "Method" says otherwise, then wavelengths, then
+  // positions.
+  std::optional<std::vector<std::u16string>> names;
+  std::optional<std::vector<double>> wavelengths;
+  std::optional<std::vector<LONG>> positions;
+  if (method < 1) {
+    names = args->GetStringArray(u"BandNames");
+    if (names && names->empty()) names.reset();
+  }
+  if (method < 0 || method == 1) {
+    wavelengths = args->GetDoubleArray(u"BandWavelengths");
+    if (wavelengths && wavelengths->empty()) wavelengths.reset();
+  }
+  if (method == 2 || (!names && !wavelengths)) {
+    names.reset();
+    wavelengths.reset();
+    positions = args->BandIds();
+    if (positions && positions->empty()) positions.reset();
+    if (!positions && action == 1) {
+      ReportError(raster::kBandNotFound,
+                  res::Format(res::IDS_BAND_NOT_FOUND, std::u16string(TypeName()),
+                              std::u16string(u"BandIDs")),
+                  ClassId());
+      return ChainParamBindError(u"BandIDs", raster::kBandNotFound);
+    }
+  }
+  const std::u16string_view list = names         ? u"BandNames"
+                                   : wavelengths ? u"BandWavelengths"
+                                                 : u"BandIDs";
+  std::vector<LONG> indexes;
+  if (names || wavelengths || positions) {
+    const HRESULT hr = raster::ComputeBandIndexes(
+        input.Get(), names ? &*names : nullptr, wavelengths ? &*wavelengths : nullptr,
+        positions ? &*positions : nullptr, tolerance, action, &indexes);
+    if (FAILED(hr)) return ChainParamBindError(list, hr);
+    if (indexes.empty()) {
+      // Every requested band was missing and left out: nothing would remain.
+      ReportError(raster::kBandNotFound,
+                  res::Format(res::IDS_NO_BAND_SELECTED, std::u16string(TypeName())), ClassId());
+      return ChainParamBindError(list, raster::kBandNotFound);
+    }
+  } else {
+    // No selection at all keeps every band.
+    for (LONG b = 0, n = BandCount(input.Get()); b < n; ++b) indexes.push_back(b);
+  }
+  std::vector<raster::BandReference> bands;
+  for (LONG index : indexes) bands.push_back(raster::BandReference{input, index});
+  return BindBands(bands);
+}
+
+}  // namespace pw::functions
