@@ -303,6 +303,18 @@ HRESULT BasicFunction::OpenRasters(const VARIANT& inputs, std::vector<ComPtr<IRa
   }
   if (inputs.vt == VT_UNKNOWN && inputs.punkVal != nullptr) {
     ComPtr<IUnknown> object(inputs.punkVal);
+    if (auto items = object.As<IVariantArray>()) {
+      LONG n = 0;
+      items->get_Count(&n);
+      for (LONG i = 0; i < n; ++i) {
+        Variant item;
+        PW_RETURN_IF_FAILED(items->get_Element(i, &item));
+        ComPtr<IRaster> raster;
+        PW_RETURN_IF_FAILED(Open(item, &raster));
+        rasters->push_back(raster);
+      }
+      return S_OK;
+    }
     if (auto array = object.As<IArray>()) {
       LONG n = 0;
       array->get_Count(&n);

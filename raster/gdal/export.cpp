@@ -17,6 +17,7 @@
 #include <mutex>
 #include <thread>
 
+#include "raster/band_indexes.h"
 #include "raster/gdal/gdal_dataset.h"
 #include "raster/mask.h"
 #include "raster/pixel_block.h"
@@ -164,6 +165,18 @@ HRESULT ExportRaster(IRaster* raster, const std::string& path, const ExportOptio
       Bstr wkt;
       reference->get_WKT(&wkt);
       if (!wkt.Empty()) GDALSetProjection(out, wkt.Utf8().c_str());
+    }
+    // Band names and wavelengths travel as band descriptions and metadata.
+    for (LONG b = 0; b < bands; ++b) {
+      GDALRasterBandH written = GDALGetRasterBand(out, b + 1);
+      if (const auto name = BandKeyProperty(raster, b, u"BandName")) {
+        if (const auto text = name->ToString()) GDALSetDescription(written, ToUtf8(*text).c_str());
+      }
+      for (const char* key : {"WavelengthMin", "WavelengthMax"}) {
+        const auto value = BandKeyProperty(raster, b, ToUtf16(key));
+        const auto number = value ? value->ToDouble() : std::nullopt;
+        if (number) GDALSetMetadataItem(written, key, std::to_string(*number).c_str(), nullptr);
+      }
     }
     if (options.maskBand) {
       // Inside the file, so that it travels with the rename.

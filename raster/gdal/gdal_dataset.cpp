@@ -227,13 +227,33 @@ HRESULT GdalDataset::Open(const std::string& name) {
 
     auto description = MakeObject<MemoryBand>(type, 0);
     description->SetNoData(info_.noData.back());
+    ComPtr<IPropertySet> properties;
+    description->get_Properties(&properties);
     const char* bandName = GDALGetDescription(band);
     if (bandName && *bandName) {
       description->put_Name(Bstr(std::string_view(bandName)).Get());
-      ComPtr<IPropertySet> properties;
-      description->get_Properties(&properties);
       properties->SetProperty(Bstr(u"BandName").Get(), Variant(std::string_view(bandName)));
     }
+    // Wavelengths in nanometres: our own band metadata items, else the imagery domain's
+    // centre and width in micrometres.
+    auto number = [&](const char* key, const char* domain) -> std::optional<double> {
+      const char* text = GDALGetMetadataItem(band, key, domain);
+      if (text == nullptr || *text == 0) return std::nullopt;
+      char* end = nullptr;
+      const double v = std::strtod(text, &end);
+      return end != text && std::isfinite(v) ? std::optional<double>(v) : std::nullopt;
+    };
+    std::optional<double> low = number("WavelengthMin", nullptr);
+    std::optional<double> high = number("WavelengthMax", nullptr);
+    if (!low && !high) {
+      if (const auto centre = number("CENTRAL_WAVELENGTH_UM", "IMAGERY")) {
+        const double width = number("FWHM_UM", "IMAGERY").value_or(0.0);
+        low = (*centre - width / 2) * 1000.0;
+        high = (*centre + width / 2) * 1000.0;
+      }
+    }
+    if (low) properties->SetProperty(Bstr(u"WavelengthMin").Get(), Variant(*low));
+    if (high) properties->SetProperty(Bstr(u"WavelengthMax").Get(), Variant(*high));
     double mn = 0, mx = 0, mean = 0, sd = 0;
     if (GDALGetRasterStatistics(band, FALSE, FALSE, &mn, &mx, &mean, &sd) == CE_None) {
       auto statistics = MakeObject<RasterStatistics>();

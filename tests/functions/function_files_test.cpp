@@ -1,0 +1,261 @@
+// Arithmetic, NDVI and band functions over GeoTIFF files: grids of different extents and
+// cell sizes checked cell by cell against values computed here, bands chosen by name and
+// wavelength from the files' own band descriptions, and chains run by the command line.
+#include <gtest/gtest.h>
+
+#include <gdal.h>
+
+#include <cmath>
+#include <cstdlib>
+#include <functional>
+
+#include "functions/bands/extract_band_function.h"
+#include "functions/elementary/arithmetic_function.h"
+#include "functions/elementary/ndvi_function.h"
+#include "raster/gdal/gdal_dataset.h"
+#include "tests/functions/function_test_support.h"
+#include "tests/test_support.h"
+
+namespace pw::functions {
+namespace {
+
+using test::Create;
+using test::Output;
+using test::ReadOutput;
+
+struct Tiff {
+  double x0, top, cell;
+  int columns, rows, bands;
+  GDALDataType type;
+  std::function<double(int band, int column, int row)> value;
+  std::vector<std::string> names = {};
+  std::vector<std::pair<double, double>> wavelengths = {};
+};
+
+void Write(const std::string& path, const Tiff& t) {
+  GDALAllRegister();
+  GDALDatasetH ds = GDALCreate(GDALGetDriverByName("GTiff"), path.c_str(), t.columns, t.rows,
+                               t.bands, t.type, nullptr);
+  ASSERT_NE(ds, nullptr);
+  double transform[6] = {t.x0, t.cell, 0, t.top, 0, -t.cell};
+  GDALSetGeoTransform(ds, transform);
+  for (int b = 0; b < t.bands; ++b) {
+    std::vector<double> values(static_cast<std::size_t>(t.columns) * t.rows);
+    for (int r = 0; r < t.rows; ++r)
+      for (int c = 0; c < t.columns; ++c) values[r * t.columns + c] = t.value(b, c, r);
+    GDALRasterBandH band = GDALGetRasterBand(ds, b + 1);
+    ASSERT_EQ(GDALRasterIO(band, GF_Write, 0, 0, t.columns, t.rows, values.data(), t.columns,
+                           t.rows, GDT_Float64, 0, 0),
+              CE_None);
+    if (b < static_cast<int>(t.names.size())) GDALSetDescription(band, t.names[b].c_str());
+    if (b < static_cast<int>(t.wavelengths.size())) {
+      GDALSetMetadataItem(band, "WavelengthMin", std::to_string(t.wavelengths[b].first).c_str(),
+                          nullptr);
+      GDALSetMetadataItem(band, "WavelengthMax", std::to_string(t.wavelengths[b].second).c_str(),
+                          nullptr);
+    }
+  }
+  GDALClose(ds);
+}
+
+class FunctionFiles : public ::testing::Test {
+ protected:
+  void SetUp() override { raster::gdal::Initialize(); }
+  test::TempDir dir_;
+};
+
+// A: 10 x 8 cells of 10 from (0, 80); B: 5 x 4 cells of 25 from (40, 105). Both hold
+// values that name their cell, so every output cell shows which cells it read.
+TEST_F(FunctionFiles, ArithmeticOfTwoGridsFollowsEachExtentAndCellSizeRule) {
+  const Tiff a{0, 80, 10, 10, 8, 1, GDT_Float32, [](int, int c, int r) { return c + 10.0 * r; }};
+  const Tiff b{40, 105, 25,          5,
+               4,  1,   GDT_Float32, [](int, int c, int r) { return 1000 + c + 10.0 * r; }};
+  const std::string pa = (dir_ / "a.tif").string(), pb = (dir_ / "b.tif").string();
+  Write(pa, a);
+  Write(pb, b);
+  struct Box {
+    double x0, y0, x1, y1;
+  };
+  const Box boxA{0, 0, 100, 80}, boxB{40, 5, 165, 105};
+  for (LONG extentType = 0; extentType <= 3; ++extentType) {
+    for (LONG cellType = 0; cellType <= 4; ++cellType) {
+      // The expected grid, from the rules.
+      Box e = extentType == 0 ? boxA : extentType == 3 ? boxB : boxA;
+      if (extentType == 1)
+        e = {std::max(boxA.x0, boxB.x0), std::max(boxA.y0, boxB.y0), std::min(boxA.x1, boxB.x1),
+             std::min(boxA.y1, boxB.y1)};
+      if (extentType == 2)
+        e = {std::min(boxA.x0, boxB.x0), std::min(boxA.y0, boxB.y0), std::max(boxA.x1, boxB.x1),
+             std::max(boxA.y1, boxB.y1)};
+      const double cells[] = {10, 10, 25, 17.5, 25};  // first, smallest, largest, mean, last
+      const double cell = cells[cellType];
+      const int columns = static_cast<int>(std::floor((e.x1 - e.x0) / cell + 0.5));
+      const int rows = static_cast<int>(std::floor((e.y1 - e.y0) / cell + 0.5));
+
+      auto function = Create<IRasterFunction>(u"ArithmeticFunction");
+      auto arguments = Create<IArithmeticFunctionArguments2>(u"ArithmeticFunctionArguments");
+      arguments->put_Raster(Variant(std::string_view(pa)));
+      arguments->put_Raster2(Variant(std::string_view(pb)));
+      arguments->put_Operation(arithmetic::kPlus);
+      arguments->put_ExtentType(extentType);
+      arguments->put_CellsizeType(cellType);
+      ASSERT_EQ(function->Bind(arguments.Get()), S_OK) << test::LastError();
+      const Output out = ReadOutput(function.Get());
+      const std::string where =
+          "extent " + std::to_string(extentType) + " cell " + std::to_string(cellType);
+      LONG width = 0, height = 0;
+      out.block->get_Width(&width);
+      out.block->get_Height(&height);
+      ASSERT_EQ(width, columns) << where;
+      ASSERT_EQ(height, rows) << where;
+      EXPECT_EQ(out.type, 10) << where;
+      // Nearest cell of a source at an output cell's centre; nullopt off the source.
+      auto sample = [](const Tiff& t, double x, double y) -> std::optional<double> {
+        const double fc = (x - t.x0) / t.cell - 0.5, fr = (t.top - y) / t.cell - 0.5;
+        const long c = std::lround(std::floor(fc + 0.5)), r = std::lround(std::floor(fr + 0.5));
+        if (c < 0 || r < 0 || c >= t.columns || r >= t.rows) return std::nullopt;
+        return t.value(0, static_cast<int>(c), static_cast<int>(r));
+      };
+      for (int r = 0; r < rows; ++r) {
+        for (int c = 0; c < columns; ++c) {
+          const double x = e.x0 + (c + 0.5) * cell, y = e.y1 - (r + 0.5) * cell;
+          const auto va = sample(a, x, y), vb = sample(b, x, y);
+          const std::size_t i = static_cast<std::size_t>(r) * columns + c;
+          ASSERT_EQ(out.Valid(0, i), va && vb) << where << " cell " << c << "," << r;
+          if (va && vb) {
+            ASSERT_EQ(out.At(0, i), *va + *vb) << where << " cell " << c << "," << r;
+          }
+        }
+      }
+    }
+  }
+}
+
+TEST_F(FunctionFiles, NdviChoosesBandsOfAFourBandFileEachWay) {
+  // Bands in an unusual order: NIR, Blue, Red, Green, with names and wavelengths.
+  const double values[4] = {80, 10, 20, 15};
+  const Tiff image{0,
+                   4,
+                   1,
+                   4,
+                   4,
+                   4,
+                   GDT_UInt16,
+                   [&](int b, int, int) { return values[b]; },
+                   {"NIR", "Blue", "Red", "Green"},
+                   {{850, 880}, {450, 510}, {640, 670}, {530, 590}}};
+  const std::string path = (dir_ / "image.tif").string();
+  Write(path, image);
+  const double expected = (80.0 - 20.0) / (80.0 + 20.0);  // red band 2, infrared band 0
+  const struct {
+    const char* how;
+    std::function<void(INDVIFunctionArguments3*)> set;
+    double ndvi;
+  } cases[] = {
+      {"identifiers", [](auto* a) { a->put_VisibleBandID(2), a->put_InfraredBandID(0); }, expected},
+      {"names",
+       [](auto* a) {
+         a->put_VisibleBandName(Bstr(u"red").Get());
+         a->put_InfraredBandName(Bstr(u"nir").Get());
+       },
+       expected},
+      {"wavelengths",
+       [](auto* a) {
+         a->put_VisibleBandWavelength(650);
+         a->put_InfraredBandWavelength(860);
+       },
+       expected},
+      {"the file's wavelengths by default", [](auto*) {}, expected},
+      {"band-count defaults when identifiers are usable",
+       [](auto* a) { a->put_VisibleBandID(1), a->put_InfraredBandID(3); },
+       (15.0 - 10.0) / (15.0 + 10.0)},
+  };
+  for (const auto& c : cases) {
+    auto function = Create<IRasterFunction>(u"NDVIFunction");
+    auto arguments = Create<INDVIFunctionArguments3>(u"NDVIFunctionArguments");
+    arguments->put_Raster(Variant(std::string_view(path)));
+    arguments->put_ScientificOutput(VARIANT_TRUE);
+    c.set(arguments.Get());
+    ASSERT_EQ(function->Bind(arguments.Get()), S_OK) << c.how << ": " << test::LastError();
+    const Output out = ReadOutput(function.Get());
+    EXPECT_FLOAT_EQ(out.At(0, 5), c.ndvi) << c.how;
+  }
+}
+
+int RunCli(const std::string& arguments, std::string* output) {
+  const std::string command = std::string(PIXWERK_CLI) + " " + arguments + " 2>&1";
+  FILE* pipe = ::popen(command.c_str(), "r");
+  char buffer[512];
+  while (pipe && std::fgets(buffer, sizeof buffer, pipe)) *output += buffer;
+  const int status = pipe ? ::pclose(pipe) : -1;
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+std::vector<double> ReadBand(const std::string& path, int band, int* bands = nullptr) {
+  GDALDatasetH ds = GDALOpen(path.c_str(), GA_ReadOnly);
+  EXPECT_NE(ds, nullptr) << path;
+  if (!ds) return {};
+  if (bands) *bands = GDALGetRasterCount(ds);
+  const int w = GDALGetRasterXSize(ds), h = GDALGetRasterYSize(ds);
+  std::vector<double> values(static_cast<std::size_t>(w) * h);
+  EXPECT_EQ(GDALRasterIO(GDALGetRasterBand(ds, band), GF_Read, 0, 0, w, h, values.data(), w, h,
+                         GDT_Float64, 0, 0),
+            CE_None);
+  GDALClose(ds);
+  return values;
+}
+
+TEST_F(FunctionFiles, ChainsRunFromTheCommandLine) {
+  const Tiff image{0,
+                   3,
+                   1,
+                   3,
+                   3,
+                   4,
+                   GDT_UInt16,
+                   [](int b, int c, int r) { return 10.0 * (b + 1) + c + 3 * r; },
+                   {"Blue", "Green", "Red", "NIR"}};
+  Write((dir_ / "image.tif").string(), image);
+  const struct {
+    const char* chain;
+    int bands;
+    std::function<double(int band, int cell)> expected;
+  } cases[] = {
+      {R"({"function": "ArithmeticFunction",
+           "arguments": {"Raster": "image.tif", "Raster2": 2, "Operation": "times"}})",
+       4, [](int b, int i) { return 2 * (10.0 * (b + 1) + i); }},
+      {R"({"function": "NDVIFunction", "arguments": {"Raster": "image.tif"}})", 1,
+       [](int, int i) {
+         const double red = 30 + i, nir = 40 + i;
+         return std::trunc((nir - red) / (nir + red) * 100 + 100.5);
+       }},
+      {R"({"function": "ExtractBandFunction",
+           "arguments": {"Raster": "image.tif", "BandNames": ["NIR", "red"]}})",
+       2, [](int b, int i) { return (b == 0 ? 40.0 : 30.0) + i; }},
+      {R"({"function": "CompositeBandFunction",
+           "arguments": {"Rasters": ["image.tif",
+             {"function": "ExtractBandFunction",
+              "arguments": {"Raster": "image.tif", "BandIDs": [0]}}]}})",
+       5, [](int b, int i) { return 10.0 * (b == 4 ? 1 : b + 1) + i; }},
+  };
+  int n = 0;
+  for (const auto& c : cases) {
+    const std::string chain = (dir_ / ("chain" + std::to_string(n) + ".json")).string();
+    const std::string out = (dir_ / ("out" + std::to_string(n++) + ".tif")).string();
+    test::WriteFile(chain, c.chain);
+    std::string log;
+    ASSERT_EQ(RunCli("run " + chain + " -o " + out + " --quiet", &log), 0) << c.chain << log;
+    int bands = 0;
+    ReadBand(out, 1, &bands);
+    ASSERT_EQ(bands, c.bands) << c.chain;
+    for (int b = 0; b < bands; ++b) {
+      const std::vector<double> values = ReadBand(out, b + 1);
+      for (int i = 0; i < 9; ++i) {
+        EXPECT_EQ(values[i], c.expected(b, i)) << c.chain << " " << b;
+      }
+    }
+  }
+}
+
+}  // namespace
+}  // namespace pw::functions
