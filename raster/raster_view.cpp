@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstring>
 #include <stdexcept>
 #include <vector>
 
@@ -227,8 +228,40 @@ HRESULT Raster::ReadBand(LONG band, LONG column, LONG row, LONG width, LONG heig
     // Edge extension changes only cells beyond the source.
     if (method_ != kBilinearEdgeExtended || inside)
       return ReadAligned(band, column, row, width, height, type, out, bits, dx, dy);
+    return ReadEdgeExtended(band, column, row, width, height, type, out, bits, dx, dy);
   }
   return ReadResampled(band, column, row, width, height, type, out, bits);
+}
+
+HRESULT Raster::ReadEdgeExtended(LONG band, LONG column, LONG row, LONG width, LONG height,
+                                 LONG type, void* out, BYTE* bits, LONG dx, LONG dy) const {
+  // On the source's own grid each cell beyond the edge takes the nearest edge cell exactly:
+  // the clamped window is read once and spread.
+  const RasterGrid& s = sourceInfo_.grid;
+  auto clamp = [](LONG v, LONG count) { return std::clamp<LONG>(v, 0, count - 1); };
+  const LONG c0 = clamp(column + dx, s.columns), c1 = clamp(column + dx + width - 1, s.columns);
+  const LONG r0 = clamp(row + dy, s.rows), r1 = clamp(row + dy + height - 1, s.rows);
+  const LONG w = c1 - c0 + 1, h = r1 - r0 + 1;
+  const std::size_t size = PixelSize(type);
+  std::vector<std::uint8_t> values(static_cast<std::size_t>(w) * static_cast<std::size_t>(h) *
+                                   size);
+  std::vector<std::uint8_t> valid(
+      mask::Bytes(static_cast<std::size_t>(w) * static_cast<std::size_t>(h)));
+  PW_RETURN_IF_FAILED(
+      ReadAligned(band, c0 - dx, r0 - dy, w, h, type, values.data(), valid.data(), dx, dy));
+  auto* target = static_cast<std::uint8_t*>(out);
+  for (LONG r = 0; r < height; ++r) {
+    const std::size_t from =
+        static_cast<std::size_t>(clamp(row + dy + r, s.rows) - r0) * static_cast<std::size_t>(w);
+    for (LONG c = 0; c < width; ++c) {
+      const std::size_t i = from + static_cast<std::size_t>(clamp(column + dx + c, s.columns) - c0);
+      const std::size_t o = static_cast<std::size_t>(r) * static_cast<std::size_t>(width) +
+                            static_cast<std::size_t>(c);
+      std::memcpy(target + o * size, values.data() + i * size, size);
+      mask::Put(bits, o, mask::Get(valid.data(), i));
+    }
+  }
+  return S_OK;
 }
 
 HRESULT Raster::ReadAligned(LONG band, LONG column, LONG row, LONG width, LONG height, LONG type,

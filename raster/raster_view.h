@@ -55,6 +55,9 @@ class Raster : public IRaster, public IRasterProps, public IRasterSource {
                    BYTE* mask) const;
   HRESULT ReadAligned(LONG band, LONG column, LONG row, LONG width, LONG height, LONG type,
                       void* out, BYTE* mask, LONG dx, LONG dy) const;
+  // Same grid with edge extension, for a window reaching beyond the source.
+  HRESULT ReadEdgeExtended(LONG band, LONG column, LONG row, LONG width, LONG height, LONG type,
+                           void* out, BYTE* mask, LONG dx, LONG dy) const;
   // Fills `out` from `fetch`, which gives source-typed values and their mask.
   template <class Fetch>
   HRESULT ReadConverted(std::size_t pixels, LONG type, void* out, BYTE* mask, Fetch&& fetch) const;

@@ -11,6 +11,9 @@
 #include "functions/elementary/constant_function.h"
 #include "functions/elementary/identity_function.h"
 #include "functions/elementary/ndvi_function.h"
+#include "functions/terrain/aspect_function.h"
+#include "functions/terrain/hillshade_function.h"
+#include "functions/terrain/slope_function.h"
 #include "server/class_ids.h"
 #include "server/class_table.h"
 #include "server/factory.h"
@@ -45,6 +48,11 @@ PW_IMPLEMENTED_BY(ExtractBandFunction, functions::ExtractBandFunction)
 PW_IMPLEMENTED_BY(ExtractBandFunctionArguments, functions::ExtractBandFunctionArguments)
 PW_IMPLEMENTED_BY(CompositeBandFunction, functions::CompositeBandFunction)
 PW_IMPLEMENTED_BY(CompositeBandFunctionArguments, functions::CompositeBandFunctionArguments)
+PW_IMPLEMENTED_BY(SlopeFunction, functions::SlopeFunction)
+PW_IMPLEMENTED_BY(SlopeFunctionArguments, functions::SlopeFunctionArguments)
+PW_IMPLEMENTED_BY(AspectFunction, functions::AspectFunction)
+PW_IMPLEMENTED_BY(HillshadeFunction, functions::HillshadeFunction)
+PW_IMPLEMENTED_BY(HillshadeFunctionArguments, functions::HillshadeFunctionArguments)
 #undef PW_IMPLEMENTED_BY
 
 template <ClassId Id>

@@ -20,11 +20,12 @@ constexpr bool kSinglePrecision = std::is_same_v<O, float>&& std::is_integral_v<
                                   sizeof(I) <= 2;
 
 template <class I, class O>
-void Scientific(const void* rv, const void* iv, void* ov, BYTE* mask, std::size_t n) {
+PW_ALWAYS_INLINE void Scientific(const void* rv, const void* iv, void* ov, BYTE* mask,
+                                 std::size_t n) {
   const I* __restrict red = static_cast<const I*>(rv);
   const I* __restrict infrared = static_cast<const I*>(iv);
   O* __restrict out = static_cast<O*>(ov);
-  raster::loop::ForEachValid<false>(mask, n, [&](std::size_t k) {
+  raster::loop::ForEachValid<false>(mask, n, [&](std::size_t k) PW_INLINE_LAMBDA {
     if constexpr (kSinglePrecision<I, O>) {
       const float r = static_cast<float>(red[k]), i = static_cast<float>(infrared[k]);
       const float s = i + r;
@@ -33,8 +34,10 @@ void Scientific(const void* rv, const void* iv, void* ov, BYTE* mask, std::size_
     } else {
       const double r = static_cast<double>(red[k]), i = static_cast<double>(infrared[k]);
       const double s = i + r;
+      // A zero sum gives 0: the quotient (of a finite value by 1) times 0, plus 0 so that
+      // the zero is never negative. Multiplying keeps the loop free of branches.
       const double q = (i - r) / (s == 0.0 ? 1.0 : s);
-      const double v = s == 0.0 ? 0.0 : q;
+      const double v = q * static_cast<double>(s != 0.0) + 0.0;
       if constexpr (std::is_integral_v<O>) {
         out[k] = raster::StoreTruncated<O>(std::floor(v + 0.5));
       } else {
@@ -46,15 +49,15 @@ void Scientific(const void* rv, const void* iv, void* ov, BYTE* mask, std::size_
 }
 
 template <class I, class O>
-void Scaled(const void* rv, const void* iv, void* ov, BYTE* mask, std::size_t n) {
+PW_ALWAYS_INLINE void Scaled(const void* rv, const void* iv, void* ov, BYTE* mask, std::size_t n) {
   const I* __restrict red = static_cast<const I*>(rv);
   const I* __restrict infrared = static_cast<const I*>(iv);
   O* __restrict out = static_cast<O*>(ov);
-  raster::loop::ForEachValid<false>(mask, n, [&](std::size_t k) {
+  raster::loop::ForEachValid<false>(mask, n, [&](std::size_t k) PW_INLINE_LAMBDA {
     const double r = static_cast<double>(red[k]), i = static_cast<double>(infrared[k]);
     const double s = i + r;
     const double q = (i - r) / (s == 0.0 ? 1.0 : s);
-    const double v = s == 0.0 ? 0.0 : q * 100.0 + 100.0 + 0.5;
+    const double v = (q * 100.0 + 100.0 + 0.5) * static_cast<double>(s != 0.0) + 0.0;
     if constexpr (std::is_unsigned_v<I> && std::is_integral_v<O>) {
       // Non-negative values give an index in [-1, 1], so v lies in [0.5, 200.5].
       out[k] = static_cast<O>(static_cast<std::int32_t>(v));
@@ -65,14 +68,39 @@ void Scaled(const void* rv, const void* iv, void* ov, BYTE* mask, std::size_t n)
   });
 }
 
+// One wrapper per instruction set and mode.
+#define PW_NDVI_WRAPPERS(Suffix, Target)                                                          \
+  template <class I, class O>                                                                     \
+  Target void Scientific##Suffix(const void* r, const void* i, void* o, BYTE* m, std::size_t n) { \
+    Scientific<I, O>(r, i, o, m, n);                                                              \
+  }                                                                                               \
+  template <class I, class O>                                                                     \
+  Target void Scaled##Suffix(const void* r, const void* i, void* o, BYTE* m, std::size_t n) {     \
+    Scaled<I, O>(r, i, o, m, n);                                                                  \
+  }
+PW_NDVI_WRAPPERS(Baseline, )
+#if PW_SIMD_X86
+PW_NDVI_WRAPPERS(Avx2, PW_TARGET_AVX2)
+PW_NDVI_WRAPPERS(Avx512, PW_TARGET_AVX512)
+#endif
+#undef PW_NDVI_WRAPPERS
+
 }  // namespace
 
-Kernel SelectKernel(LONG input, LONG output, bool scientific) {
+Kernel SelectKernel(LONG input, LONG output, bool scientific, raster::simd::Isa isa) {
   Kernel kernel = nullptr;
   raster::VisitPixelTypes(input, output, [&](auto it, auto ot) {
     using I = typename decltype(it)::type;
     using O = typename decltype(ot)::type;
-    kernel = scientific ? &Scientific<I, O> : &Scaled<I, O>;
+    kernel = scientific ? &ScientificBaseline<I, O> : &ScaledBaseline<I, O>;
+#if PW_SIMD_X86
+    if (isa == raster::simd::Isa::kAvx2)
+      kernel = scientific ? &ScientificAvx2<I, O> : &ScaledAvx2<I, O>;
+    if (isa == raster::simd::Isa::kAvx512)
+      kernel = scientific ? &ScientificAvx512<I, O> : &ScaledAvx512<I, O>;
+#else
+    (void)isa;
+#endif
   });
   return kernel;
 }

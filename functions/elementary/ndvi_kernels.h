@@ -5,6 +5,7 @@
 #include <cstddef>
 
 #include "com/types.h"
+#include "raster/algorithms/simd_dispatch.h"
 
 namespace pw::functions::ndvi {
 
@@ -13,8 +14,9 @@ namespace pw::functions::ndvi {
 using Kernel = void (*)(const void* red, const void* infrared, void* out, BYTE* mask,
                         std::size_t n);
 
-// Null for a type code outside 0 to 10.
-Kernel SelectKernel(LONG input, LONG output, bool scientific);
+// Null for a type code outside 0 to 10. Every instruction set gives the same values.
+Kernel SelectKernel(LONG input, LONG output, bool scientific,
+                    raster::simd::Isa isa = raster::simd::Best());
 
 // One pixel straight from the rules, as stored in `output`.
 double ReferencePixel(double red, double infrared, LONG output, bool scientific);

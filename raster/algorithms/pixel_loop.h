@@ -15,11 +15,13 @@
 #include <cstring>
 
 #include "com/types.h"
+#include "raster/algorithms/simd_dispatch.h"
+#include "raster/mask.h"
 
 namespace pw::raster::loop {
 
 template <bool kFallible, class Body>
-inline void ForEachValid(BYTE* mask, std::size_t n, Body&& body) {
+PW_ALWAYS_INLINE void ForEachValid(BYTE* mask, std::size_t n, Body&& body) {
   constexpr std::size_t kWord = 64;
   auto one = [&](std::size_t i) {
     const BYTE bit = static_cast<BYTE>(0x80u >> (i & 7u));
@@ -30,6 +32,13 @@ inline void ForEachValid(BYTE* mask, std::size_t n, Body&& body) {
       body(i);
     }
   };
+  if constexpr (!kFallible) {
+    // Every pixel valid: one flat loop, the easiest for the vectorizer.
+    if (mask::AllValid(mask, n)) {
+      for (std::size_t k = 0; k < n; ++k) body(k);
+      return;
+    }
+  }
   std::size_t i = 0;
   for (; i + kWord <= n; i += kWord) {
     BYTE* m = mask + i / 8;

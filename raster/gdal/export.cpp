@@ -15,8 +15,10 @@
 #include <limits>
 #include <map>
 #include <mutex>
+#include <optional>
 #include <thread>
 
+#include "raster/algorithms/parallel.h"
 #include "raster/band_indexes.h"
 #include "raster/gdal/gdal_dataset.h"
 #include "raster/mask.h"
@@ -221,6 +223,9 @@ HRESULT ExportRaster(IRaster* raster, const std::string& path, const ExportOptio
     std::vector<std::thread> workers;
     for (int t = 0; t < threads; ++t) {
       workers.emplace_back([&] {
+        // With more than one worker every core is busy: kernels stay on this thread.
+        std::optional<ParallelWorkerScope> mark;
+        if (threads > 1) mark.emplace();
         for (LONG s = next++; s < strips; s = next++) {
           if (!queue.WaitForRoom(s)) return;
           const LONG row = s * rowsPerStrip, rows = std::min(rowsPerStrip, height - row);

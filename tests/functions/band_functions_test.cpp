@@ -238,7 +238,17 @@ TEST(NdviFunction, InvalidRedOrInfraredLeavesThePixelUnwritten) {
   EXPECT_EQ(out.At(0, 2), 100);
 }
 
-TEST(NdviKernels, EqualTheReferenceForEveryTypePair) {
+// Every instruction set this processor runs.
+std::vector<raster::simd::Isa> Isas() {
+  std::vector<raster::simd::Isa> isas{raster::simd::Isa::kBaseline};
+  if (raster::simd::Best() != raster::simd::Isa::kBaseline)
+    isas.push_back(raster::simd::Isa::kAvx2);
+  if (raster::simd::Best() == raster::simd::Isa::kAvx512)
+    isas.push_back(raster::simd::Isa::kAvx512);
+  return isas;
+}
+
+TEST(NdviKernels, EqualTheReferenceForEveryTypePairAndInstructionSet) {
   std::mt19937 random(5);
   constexpr std::size_t n = 200;
   for (LONG in = 0; in <= 10; ++in) {
@@ -275,26 +285,30 @@ TEST(NdviKernels, EqualTheReferenceForEveryTypePair) {
           const std::vector<std::uint8_t> before = mask;
           const std::size_t size = raster::PixelSize(out);
           std::vector<std::uint8_t> result(n * size, 0x5A);
-          ndvi::Kernel kernel = ndvi::SelectKernel(in, out, scientific);
-          ASSERT_NE(kernel, nullptr);
-          kernel(rb.data(), ib.data(), result.data(), mask.data(), n);
-          ASSERT_EQ(mask, before);
-          for (std::size_t i = 0; i < n; ++i) {
-            const std::string where = "in " + std::to_string(in) + " out " + std::to_string(out) +
-                                      " scientific " + std::to_string(scientific) + " pixel " +
-                                      std::to_string(i);
-            if (!((mask[i / 8] >> (7 - i % 8)) & 1)) {
-              for (std::size_t j = 0; j < size; ++j) ASSERT_EQ(result[i * size + j], 0x5A) << where;
-              continue;
+          for (auto isa : Isas()) {
+            std::fill(result.begin(), result.end(), std::uint8_t{0x5A});
+            ndvi::Kernel kernel = ndvi::SelectKernel(in, out, scientific, isa);
+            ASSERT_NE(kernel, nullptr);
+            kernel(rb.data(), ib.data(), result.data(), mask.data(), n);
+            ASSERT_EQ(mask, before);
+            for (std::size_t i = 0; i < n; ++i) {
+              const std::string where = "in " + std::to_string(in) + " out " + std::to_string(out) +
+                                        " scientific " + std::to_string(scientific) + " " +
+                                        raster::simd::Name(isa) + " pixel " + std::to_string(i);
+              if (!((mask[i / 8] >> (7 - i % 8)) & 1)) {
+                for (std::size_t j = 0; j < size; ++j)
+                  ASSERT_EQ(result[i * size + j], 0x5A) << where;
+                continue;
+              }
+              double got = 0;
+              raster::VisitPixelType(out, [&](auto tag) {
+                using T = typename decltype(tag)::type;
+                T v;
+                std::memcpy(&v, result.data() + i * sizeof(T), sizeof(T));
+                got = static_cast<double>(v);
+              });
+              ASSERT_EQ(got, ndvi::ReferencePixel(red[i], nir[i], out, scientific)) << where;
             }
-            double got = 0;
-            raster::VisitPixelType(out, [&](auto tag) {
-              using T = typename decltype(tag)::type;
-              T v;
-              std::memcpy(&v, result.data() + i * sizeof(T), sizeof(T));
-              got = static_cast<double>(v);
-            });
-            ASSERT_EQ(got, ndvi::ReferencePixel(red[i], nir[i], out, scientific)) << where;
           }
         }
       }

@@ -1,0 +1,158 @@
+// The hillshade function and its arguments.
+#include "functions/terrain/hillshade_function.h"
+
+#include <cmath>
+
+#include "raster/persist/class_registry.h"
+#include "resources/string_table.h"
+
+namespace pw::functions {
+
+PW_REGISTER_PERSIST_CLASS(HillshadeFunction, ClassIdFromName("HillshadeFunction"));
+PW_REGISTER_PERSIST_CLASS(HillshadeFunctionArguments,
+                          ClassIdFromName("HillshadeFunctionArguments"));
+
+namespace {
+
+// The multidirectional lights: azimuth, altitude and weight (in eighteenths).
+constexpr struct {
+  double azimuth, altitude, weight;
+} kLights[6] = {{315, 60, 3}, {270, 60, 5}, {225, 60, 3}, {360, 60, 2}, {180, 60, 1}, {0, 90, 4}};
+
+}  // namespace
+
+// --- arguments ---------------------------------------------------------------------------
+
+HRESULT HillshadeFunctionArguments::get_DEM(VARIANT* value) {
+  return Has(u"DEM") ? GetNamedValue(u"DEM", value) : GetNamedValue(u"Raster", value);
+}
+HRESULT HillshadeFunctionArguments::put_DEM(VARIANT value) {
+  return PutNamedValue(u"DEM", value);
+}
+HRESULT HillshadeFunctionArguments::get_Azimuth(double* azimuth) {
+  return HandOut(GetDouble(u"Azimuth", 315.0), azimuth);
+}
+HRESULT HillshadeFunctionArguments::put_Azimuth(double azimuth) {
+  return PutNamedValue(u"Azimuth", Variant(azimuth));
+}
+HRESULT HillshadeFunctionArguments::get_Altitude(double* altitude) {
+  return HandOut(GetDouble(u"Altitude", 45.0), altitude);
+}
+HRESULT HillshadeFunctionArguments::put_Altitude(double altitude) {
+  if (!(std::fabs(altitude) <= 90.0))
+    return ReportError(E_INVALIDARG,
+                       u"HillshadeFunctionArguments: \"Altitude\" must lie "
+                       u"between -90 and 90 degrees.");
+  return PutNamedValue(u"Altitude", Variant(altitude));
+}
+HRESULT HillshadeFunctionArguments::get_ZFactor(double* factor) {
+  return HandOut(GetDouble(u"ZFactor", 1.0), factor);
+}
+HRESULT HillshadeFunctionArguments::put_ZFactor(double factor) {
+  return PutNamedValue(u"ZFactor", Variant(factor));
+}
+HRESULT HillshadeFunctionArguments::get_SlopeType(LONG* type) {
+  return HandOut(GetLong(u"SlopeType", 1), type);
+}
+HRESULT HillshadeFunctionArguments::put_SlopeType(LONG type) {
+  return PutNamedValue(u"SlopeType", Variant(std::int32_t{type}));
+}
+HRESULT HillshadeFunctionArguments::get_PSPower(double* power) {
+  return HandOut(GetDouble(u"PSPower", 0.664), power);
+}
+HRESULT HillshadeFunctionArguments::put_PSPower(double power) {
+  return PutNamedValue(u"PSPower", Variant(power));
+}
+HRESULT HillshadeFunctionArguments::get_PSZFactor(double* factor) {
+  return HandOut(GetDouble(u"PSZFactor", 0.024), factor);
+}
+HRESULT HillshadeFunctionArguments::put_PSZFactor(double factor) {
+  return PutNamedValue(u"PSZFactor", Variant(factor));
+}
+HRESULT HillshadeFunctionArguments::get_RemoveEdgeEffect(VARIANT_BOOL* remove) {
+  return HandOut(GetBool(u"RemoveEdgeEffect", false) ? VARIANT_TRUE : VARIANT_FALSE, remove);
+}
+HRESULT HillshadeFunctionArguments::put_RemoveEdgeEffect(VARIANT_BOOL remove) {
+  return PutNamedValue(u"RemoveEdgeEffect", Variant(remove != VARIANT_FALSE));
+}
+HRESULT HillshadeFunctionArguments::get_HillshadeType(LONG* type) {
+  return HandOut(GetLong(u"HillshadeType", 0), type);
+}
+HRESULT HillshadeFunctionArguments::put_HillshadeType(LONG type) {
+  return PutNamedValue(u"HillshadeType", Variant(std::int32_t{type}));
+}
+
+HRESULT HillshadeFunctionArguments::Resolve(IRow* row, IPropertySet* properties) {
+  return Guard([&]() -> HRESULT {
+    using namespace framework;
+    ResolveAndUpdate_ValueTypeDataset(this, Bstr(u"DEM").Get(), row, properties);
+    for (std::u16string_view name : {u"Azimuth", u"ZFactor", u"Altitude", u"PSZFactor", u"PSPower"})
+      ResolveAndUpdate_ValueTypeDouble(this, Bstr(name).Get(), row, properties);
+    for (std::u16string_view name : {u"SlopeType", u"HillshadeType"})
+      ResolveAndUpdate_ValueTypeLong(this, Bstr(name).Get(), row, properties);
+    return BasicFunctionArguments::Resolve(row, properties);
+  });
+}
+
+HRESULT HillshadeFunctionArguments::CreateEmpty(BasicFunctionArguments** fresh) const {
+  *fresh = MakeObject<HillshadeFunctionArguments>().Detach();
+  return S_OK;
+}
+
+// --- the function ------------------------------------------------------------------------
+
+HillshadeFunction::HillshadeFunction()
+    : TerrainFunction(res::IDS_HILLSHADE_FUNCTION_NAME, res::IDS_HILLSHADE_FUNCTION_DESCRIPTION) {}
+
+HRESULT HillshadeFunction::BindImpl(IRasterFunctionArguments* arguments) {
+  auto* args = dynamic_cast<HillshadeFunctionArguments*>(arguments);
+  if (args == nullptr) return ChainBindError(E_INVALIDARG, res::IDS_FUNCTION_BIND_FAILED);
+  const Variant* dem = args->Find(u"DEM");
+  if (dem == nullptr || dem->IsEmpty()) dem = args->Find(u"Raster");
+  PW_RETURN_IF_FAILED(BindElevation(dem, args->GetBool(u"RemoveEdgeEffect", false), 3));
+  azimuth_ = args->GetDouble(u"Azimuth", 315.0);
+  altitude_ = args->GetDouble(u"Altitude", 45.0);
+  zFactor_ = args->GetDouble(u"ZFactor", 1.0);
+  slopeType_ = args->GetLong(u"SlopeType", 1);
+  psZFactor_ = args->GetDouble(u"PSZFactor", 0.024);
+  psPower_ = args->GetDouble(u"PSPower", 0.664);
+  hillshadeType_ = args->GetLong(u"HillshadeType", 0);
+  if (hillshadeType_ == 2) {
+    ReportError(E_NOTIMPL, u"HillshadeFunction: \"HillshadeType\" 2 is not implemented.",
+                ClassId());
+    return ChainParamBindError(u"HillshadeType", E_NOTIMPL);
+  }
+  ChooseDevice(2, -1);  // no device path
+  return S_OK;
+}
+
+terrain::Params HillshadeFunction::BlockParams(LONG) const {
+  terrain::Params p;
+  p.surface = terrain::Surface::kHillshade;
+  const bool geographic = kind_ == kGeographicGrid;
+  const double z = hillshadeType_ != 0 ? 2 * zFactor_ : zFactor_;
+  double cellX = cellX_, cellY = cellY_;
+  p.fx = z / (8 * cellX);
+  p.fy = z / (8 * cellY);
+  if ((std::fabs(z - 1) < 0.0001 || hillshadeType_ != 0) && geographic) {
+    p.fx /= 111000.0;
+    p.fy /= 111000.0;
+  }
+  if (slopeType_ == 3) {
+    if (geographic) cellX *= 111000.0, cellY *= 111000.0;
+    p.fx = (psZFactor_ * std::pow(cellX, psPower_) + z) / (8 * cellX);
+    p.fy = (psZFactor_ * std::pow(cellY, psPower_) + z) / (8 * cellY);
+  }
+  if (hillshadeType_ == 1) {
+    p.lights = 6;
+    for (int k = 0; k < 6; ++k)
+      p.light[k] =
+          terrain::MakeLight(kLights[k].azimuth, kLights[k].altitude, kLights[k].weight / 18.0);
+  } else {
+    p.lights = 1;
+    p.light[0] = terrain::MakeLight(azimuth_, altitude_, 1.0);
+  }
+  return p;
+}
+
+}  // namespace pw::functions

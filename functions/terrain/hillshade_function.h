@@ -1,0 +1,87 @@
+// HillshadeFunction: an 8-bit grey relief of an elevation raster lit by one sun or by six
+// fixed lights (multidirectional); and its arguments class.
+#pragma once
+
+#include <string_view>
+
+#include "framework/arguments.h"
+#include "functions/terrain/terrain_function.h"
+
+PW_INTERFACE(IHillshadeFunctionArguments, IUnknown) {
+  // The elevation raster ("DEM", else "Raster").
+  virtual HRESULT STDMETHODCALLTYPE get_DEM(VARIANT * value) = 0;
+  virtual HRESULT STDMETHODCALLTYPE put_DEM(VARIANT value) = 0;
+  // Degrees clockwise from north.
+  virtual HRESULT STDMETHODCALLTYPE get_Azimuth(double* azimuth) = 0;
+  virtual HRESULT STDMETHODCALLTYPE put_Azimuth(double azimuth) = 0;
+  // Degrees above the horizon; E_INVALIDARG (value unchanged) beyond 90 either way.
+  virtual HRESULT STDMETHODCALLTYPE get_Altitude(double* altitude) = 0;
+  virtual HRESULT STDMETHODCALLTYPE put_Altitude(double altitude) = 0;
+  virtual HRESULT STDMETHODCALLTYPE get_ZFactor(double* factor) = 0;
+  virtual HRESULT STDMETHODCALLTYPE put_ZFactor(double factor) = 0;
+  // 3 selects the power-scaled z-factor.
+  virtual HRESULT STDMETHODCALLTYPE get_SlopeType(LONG * type) = 0;
+  virtual HRESULT STDMETHODCALLTYPE put_SlopeType(LONG type) = 0;
+  virtual HRESULT STDMETHODCALLTYPE get_PSPower(double* power) = 0;
+  virtual HRESULT STDMETHODCALLTYPE put_PSPower(double power) = 0;
+  virtual HRESULT STDMETHODCALLTYPE get_PSZFactor(double* factor) = 0;
+  virtual HRESULT STDMETHODCALLTYPE put_PSZFactor(double factor) = 0;
+  virtual HRESULT STDMETHODCALLTYPE get_RemoveEdgeEffect(VARIANT_BOOL * remove) = 0;
+  virtual HRESULT STDMETHODCALLTYPE put_RemoveEdgeEffect(VARIANT_BOOL remove) = 0;
+  // 0 one sun, 1 multidirectional.
+  virtual HRESULT STDMETHODCALLTYPE get_HillshadeType(LONG * type) = 0;
+  virtual HRESULT STDMETHODCALLTYPE put_HillshadeType(LONG type) = 0;
+};
+
+namespace pw::functions {
+
+class HillshadeFunctionArguments : public framework::BasicFunctionArguments,
+                                   public IHillshadeFunctionArguments {
+ public:
+  using Interfaces = ConcatInterfacesT<framework::BasicFunctionArguments::Interfaces,
+                                       InterfaceList<IHillshadeFunctionArguments>>;
+  static constexpr std::string_view kTypeName = "HillshadeFunctionArguments";
+
+  HRESULT STDMETHODCALLTYPE get_DEM(VARIANT* value) override;
+  HRESULT STDMETHODCALLTYPE put_DEM(VARIANT value) override;
+  HRESULT STDMETHODCALLTYPE get_Azimuth(double* azimuth) override;
+  HRESULT STDMETHODCALLTYPE put_Azimuth(double azimuth) override;
+  HRESULT STDMETHODCALLTYPE get_Altitude(double* altitude) override;
+  HRESULT STDMETHODCALLTYPE put_Altitude(double altitude) override;
+  HRESULT STDMETHODCALLTYPE get_ZFactor(double* factor) override;
+  HRESULT STDMETHODCALLTYPE put_ZFactor(double factor) override;
+  HRESULT STDMETHODCALLTYPE get_SlopeType(LONG* type) override;
+  HRESULT STDMETHODCALLTYPE put_SlopeType(LONG type) override;
+  HRESULT STDMETHODCALLTYPE get_PSPower(double* power) override;
+  HRESULT STDMETHODCALLTYPE put_PSPower(double power) override;
+  HRESULT STDMETHODCALLTYPE get_PSZFactor(double* factor) override;
+  HRESULT STDMETHODCALLTYPE put_PSZFactor(double factor) override;
+  HRESULT STDMETHODCALLTYPE get_RemoveEdgeEffect(VARIANT_BOOL* remove) override;
+  HRESULT STDMETHODCALLTYPE put_RemoveEdgeEffect(VARIANT_BOOL remove) override;
+  HRESULT STDMETHODCALLTYPE get_HillshadeType(LONG* type) override;
+  HRESULT STDMETHODCALLTYPE put_HillshadeType(LONG type) override;
+  HRESULT STDMETHODCALLTYPE Resolve(IRow* row, IPropertySet* properties) override;
+
+ protected:
+  std::u16string_view TypeName() const override { return u"HillshadeFunctionArguments"; }
+  CLSID ClassId() const override { return ClassIdFromName("HillshadeFunctionArguments"); }
+  HRESULT CreateEmpty(BasicFunctionArguments** fresh) const override;
+};
+
+class HillshadeFunction : public TerrainFunction {
+ public:
+  static constexpr std::string_view kTypeName = "HillshadeFunction";
+  HillshadeFunction();
+
+ protected:
+  HRESULT BindImpl(IRasterFunctionArguments* arguments) override;
+  terrain::Params BlockParams(LONG row) const override;
+  std::u16string_view TypeName() const override { return u"HillshadeFunction"; }
+  CLSID ClassId() const override { return ClassIdFromName("HillshadeFunction"); }
+
+ private:
+  double azimuth_ = 315, altitude_ = 45, zFactor_ = 1, psZFactor_ = 0.024, psPower_ = 0.664;
+  LONG slopeType_ = 1, hillshadeType_ = 0;
+};
+
+}  // namespace pw::functions

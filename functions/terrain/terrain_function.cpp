@@ -1,0 +1,125 @@
+// The terrain function base.
+#include "functions/terrain/terrain_function.h"
+
+#include <cstring>
+#include "raster/algorithms/grown_window.h"
+
+#include "raster/band_collection.h"
+#include "raster/mask.h"
+#include "raster/pixel_block.h"
+#include "raster/raster_view.h"
+#include "resources/raster_names.h"
+#include "resources/string_table.h"
+
+namespace pw::functions {
+
+TerrainFunction::TerrainFunction(UINT nameId, UINT descriptionId)
+    : BasicFunction(4, nameId, descriptionId) {
+  // The output is a derived surface: band descriptions of the elevation no longer apply.
+  for (std::u16string_view name :
+       {res::c_name_BandName, res::c_name_BandProperties, res::c_name_DatasetTag,
+        res::c_name_SourceBandIndex, res::c_name_WavelengthMin, res::c_name_WavelengthMax})
+    InvalidateRasterKeyProperty(name);
+}
+
+HRESULT TerrainFunction::BindElevation(const VARIANT* dem, bool removeEdgeEffect,
+                                       LONG defaultType) {
+  ComPtr<IRaster> opened;
+  if (dem == nullptr || dem->vt == VT_EMPTY) return InvalidRaster(u"Raster");
+  if (FAILED(Open(*dem, &opened)))
+    return ChainParamBindError(u"Raster", E_INVALIDARG, framework::kRasterDataset);
+  LONG bands = 0;
+  opened.As<IRasterProps>()->get_BandCount(&bands);
+  if (bands < 1) return ChainParamBindError(u"Raster", E_INVALIDARG, framework::kRasterDataset);
+  // A view of band 1 of our own, so that setting its resampling code leaves the caller's
+  // raster as it was.
+  ComPtr<IRaster> first;
+  PW_RETURN_IF_FAILED(raster::CreateFirstBandView(opened.Get(), &first));
+  LONG type = -1;
+  first.As<IRasterProps>()->get_PixelType(&type);
+  PW_RETURN_IF_FAILED(first->put_ResampleMethod(removeEdgeEffect ? raster::kBilinearEdgeExtended
+                                                                 : raster::kBilinear));
+  outputType_ = pixelType_ != -1 ? pixelType_ : defaultType;
+  ComPtr<IRasterInfo3> info;
+  const HRESULT hr = Define(first.Get(), outputType_, &info);
+  if (FAILED(hr)) return ChainBindError(hr, res::IDS_FUNCTION_BIND_FAILED);
+  info->put_BandCount(1);
+  info->put_NoData(Variant());
+  PW_RETURN_IF_FAILED(RemoveColormapStatsHistograms(info.Get()));
+
+  const raster::RasterGrid grid = raster::GridOf(first.Get());
+  cellX_ = grid.CellX();
+  cellY_ = grid.CellY();
+  topY_ = grid.ymax;
+  kind_ = kPlanarGrid;
+  ComPtr<ISpatialReference> reference;
+  first.As<IRasterProps>()->get_SpatialReference(&reference);
+  if (reference) {
+    LONG code = 0, kind = 0;
+    reference->get_FactoryCode(&code);
+    reference->get_Kind(&kind);
+    if (code == 3857 || code == 54004) {
+      kind_ = kMercatorGrid;
+    } else if (kind == pw::kGeographic) {
+      kind_ = kGeographicGrid;
+    }
+  }
+  dem_ = first;
+  inputType_ = type;
+  removeEdgeEffect_ = removeEdgeEffect;
+  inputs_ = {opened};
+  info_ = info;
+  return S_OK;
+}
+
+void TerrainFunction::ChooseDevice(LONG targetDevice, LONG deviceId) {
+  targetDevice_ = targetDevice;
+  deviceId_ = deviceId;
+  // No device service in this build: target 2 never asks, target 1 falls back at once,
+  // and any other target keeps asking and fails each read.
+  gpuDisabled_ = targetDevice == 1 || targetDevice == 2;
+}
+
+HRESULT TerrainFunction::ReadImpl(LONG column, LONG row, IPixelBlock* block) {
+  if (!dem_) return E_FAIL;
+  if (!gpuDisabled_) {
+    return ReportError(E_NOTIMPL,
+                       std::u16string(TypeName()) +
+                           u": \"AnalysisTargetDevice\" asks for a GPU, and this build has no "
+                           u"GPU device (use 1 or 2 for the CPU).",
+                       ClassId());
+  }
+  raster::BlockShape shape;
+  PW_RETURN_IF_FAILED(raster::GetShape(block, &shape));
+  if (shape.width < 1 || shape.height < 1) return S_OK;
+  ComPtr<IPixelBlock> grown;
+  PW_RETURN_IF_FAILED(raster::ReadGrownWindow(dem_.Get(), column, row, shape.width, shape.height, 1,
+                                              removeEdgeEffect_, inputType_, &grown));
+  ComPtr<IPixelBlock> target(block);
+  if (shape.pixelType != outputType_ || shape.bands != 1)
+    PW_RETURN_IF_FAILED(
+        raster::CreatePixelBlock(shape.width, shape.height, 1, outputType_, &target));
+  const HRESULT hr = terrain::Compute(grown->Buffer(0), grown->Mask(0), inputType_, shape.width,
+                                      shape.height, target->Buffer(0), target->Mask(0), outputType_,
+                                      BlockParams(row), terrain::RowThreads());
+  PW_RETURN_IF_FAILED(hr);
+  if (target.Get() != block) {
+    if (shape.bands == 1) {
+      PW_RETURN_IF_FAILED(raster::ConvertPixelBlock(target.Get(), block));
+    } else {
+      // Every band of a wider block gets the one surface.
+      ComPtr<IPixelBlock> one;
+      PW_RETURN_IF_FAILED(
+          raster::CreatePixelBlock(shape.width, shape.height, 1, shape.pixelType, &one));
+      PW_RETURN_IF_FAILED(raster::ConvertPixelBlock(target.Get(), one.Get()));
+      const std::size_t bytes = shape.Pixels() * raster::PixelSize(shape.pixelType);
+      for (LONG b = 0; b < shape.bands; ++b) {
+        std::memcpy(block->Buffer(b), one->Buffer(0), bytes);
+        std::memcpy(block->Mask(b), one->Mask(0), raster::mask::Bytes(shape.Pixels()));
+      }
+    }
+  }
+  return hr;
+}
+
+}  // namespace pw::functions

@@ -1,0 +1,43 @@
+// The common base of slope, aspect and hillshade: the elevation input (first band only,
+// with its resampling code), the device choice of a build without a GPU service, and the
+// read (the block grown by one cell, the neighbourhood engine, the output type).
+#pragma once
+
+#include "framework/basic_function.h"
+#include "functions/terrain/terrain_kernels.h"
+
+namespace pw::functions {
+
+class TerrainFunction : public framework::BasicFunction {
+ public:
+  // The coordinate kind of the output's spatial reference.
+  enum CoordinateKind : LONG { kPlanarGrid = 0, kMercatorGrid = 1, kGeographicGrid = 2 };
+
+ protected:
+  TerrainFunction(UINT nameId, UINT descriptionId);
+
+  // Opens `dem`, keeps band 1, sets the resampling code (4 with edge removal, else 1) and
+  // defines the output info in the host's pixel type or `defaultType`. The failure names
+  // "Raster".
+  HRESULT BindElevation(const VARIANT* dem, bool removeEdgeEffect, LONG defaultType);
+
+  // "AnalysisTargetDevice": 1 uses a GPU when one is available and falls back to the CPU,
+  // 2 is the CPU only, any other value the GPU only. This build has no GPU service, so it
+  // answers as a service that reports no device.
+  void ChooseDevice(LONG targetDevice, LONG deviceId);
+
+  // The engine's constants for the block whose top row is `row`.
+  virtual terrain::Params BlockParams(LONG row) const = 0;
+
+  HRESULT ReadImpl(LONG column, LONG row, IPixelBlock* block) override;
+
+  ComPtr<IRaster> dem_;
+  LONG inputType_ = -1, outputType_ = -1;
+  bool removeEdgeEffect_ = false;
+  LONG targetDevice_ = 1, deviceId_ = -1;
+  bool gpuDisabled_ = true;
+  CoordinateKind kind_ = kPlanarGrid;
+  double cellX_ = 0, cellY_ = 0, topY_ = 0;
+};
+
+}  // namespace pw::functions

@@ -1,0 +1,475 @@
+// The terrain engine. A block goes row by row: the derivatives of a row (dz/dx, dz/dy and
+// whether the cell has a value) land in small per-thread arrays, then the function's
+// formula turns them into output values. Rows run in parallel with OpenMP.
+//
+// Derivatives: dz/dx = (c + 2f + i) - (a + 2d + g), dz/dy = (g + 2h + i) - (a + 2b + c)
+// over the window a b c / d e f / g h i. With exactly seven valid neighbours each side is
+// the weighted sum of its valid cells times 4 over their weights; fewer than seven, or an
+// invalid centre, gives no value.
+#include "functions/terrain/terrain_kernels.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdint>
+#include <cstring>
+#include <limits>
+#include <thread>
+#include <type_traits>
+#include <vector>
+
+#include "raster/algorithms/parallel.h"
+#include "raster/mask.h"
+#include "raster/pixel_traits.h"
+
+#ifdef _OPENMP
+#include <omp.h>
+#endif
+
+namespace pw::functions::terrain {
+
+namespace {
+
+constexpr double kDegrees = 57.29578;
+constexpr double kPi = 3.141592653589793;
+constexpr double kEarthRadius = 6378137.0;
+
+// --- arctangents the compiler can vectorize --------------------------------------------
+// Rational approximation after range reduction (the Cephes scheme), within an ulp or two
+// of the C library's over the whole range; selects instead of branches.
+
+PW_ALWAYS_INLINE double Atan(double x) {
+  constexpr double kTan3Pi8 = 2.41421356237309504880, kMoreBits = 6.123233995736765886130e-17;
+  const double ax = std::fabs(x);
+  const bool big = ax > kTan3Pi8, mid = ax > 0.66;
+  const double num = big ? -1.0 : (mid ? ax - 1.0 : ax);
+  const double den = big ? ax : (mid ? ax + 1.0 : 1.0);
+  const double r = num / den;
+  const double base = big ? kPi / 2 : (mid ? kPi / 4 : 0.0);
+  const double extra = big ? kMoreBits : (mid ? 0.5 * kMoreBits : 0.0);
+  const double z = r * r;
+  const double p = (((-8.750608600031904122785e-1 * z - 1.615753718733365076637e1) * z -
+                     7.500855792314704667340e1) *
+                        z -
+                    1.228866684490136173410e2) *
+                       z -
+                   6.485021904942025371773e1;
+  const double q = ((((z + 2.485846490142306297962e1) * z + 1.650270098316988542046e2) * z +
+                     4.328810604912902668951e2) *
+                        z +
+                    4.853903996359136964868e2) *
+                       z +
+                   1.945506571482613964425e2;
+  const double y = base + (r * (z * p / q) + r + extra);
+  return x < 0 ? -y : y;
+}
+
+PW_ALWAYS_INLINE double Atan2(double y, double x) {
+  const double ax = std::fabs(x), ay = std::fabs(y);
+  const double hi = std::max(ax, ay), lo = std::min(ax, ay);
+  double a = Atan(lo / (hi == 0 ? 1.0 : hi));
+  a = ay > ax ? kPi / 2 - a : a;
+  a = x < 0 ? kPi - a : a;
+  return y < 0 ? -a : a;
+}
+
+// --- storing -------------------------------------------------------------------------------
+
+// v + 0.5 for integer outputs, then truncation toward zero without clamping. Values known to
+// lie in [0, 2^31) take the short conversion.
+template <class O, bool kBounded>
+PW_ALWAYS_INLINE O Store(double v) {
+  if constexpr (std::is_floating_point_v<O>) {
+    return static_cast<O>(v);
+  } else if constexpr (kBounded) {
+    return static_cast<O>(static_cast<std::int32_t>(v + 0.5));
+  } else {
+    return raster::StoreTruncated<O>(v + 0.5);
+  }
+}
+
+// --- the formulas ----------------------------------------------------------------------
+
+template <Surface kSurface, class O>
+PW_ALWAYS_INLINE void FormulaBody(const double* __restrict dx, const double* __restrict dy,
+                                  LONG width, LONG row, const Params& p, O* __restrict out) {
+  if constexpr (kSurface == Surface::kSlope) {
+    const double scale =
+        p.mercator ? std::cosh((p.topY - static_cast<double>(row) * p.cellY) / kEarthRadius) : 1.0;
+    const double fx = p.fx, fy = p.fy;
+    if (p.slopeType == 2) {
+      for (LONG c = 0; c < width; ++c) {
+        const double gx = fx * dx[c], gy = fy * dy[c];
+        out[c] = Store<O, false>(std::sqrt(gx * gx + gy * gy) * scale * 100.0);
+      }
+    } else {
+      for (LONG c = 0; c < width; ++c) {
+        const double gx = fx * dx[c], gy = fy * dy[c];
+        out[c] = Store<O, true>(Atan(std::sqrt(gx * gx + gy * gy) * scale) * kDegrees);
+      }
+    }
+  } else if constexpr (kSurface == Surface::kAspect) {
+    const double cx = p.cellX, cy = p.cellYAspect;
+    for (LONG c = 0; c < width; ++c) {
+      const double x = dx[c] / cx, y = dy[c] / cy;
+      double v = 90.0 - Atan2(y, -x) * kDegrees;
+      v = v < 0 ? v + 360.0 : v;
+      v = (x == 0 && y == 0) ? -1.0 : v;
+      O stored = Store<O, false>(v);
+      out[c] = static_cast<double>(stored) >= 360.0 ? O{0} : stored;
+    }
+  } else {
+    const double fx = p.fx, fy = p.fy;
+    if (p.lights == 1) {
+      const Light l = p.light[0];
+      for (LONG c = 0; c < width; ++c) {
+        const double px = fx * dx[c], qy = fy * dy[c];
+        const double n = std::sqrt(1.0 + px * px + qy * qy);
+        const double v = (qy * l.s - px * l.c + l.cosZenith) * 255.0 / n;
+        out[c] = Store<O, true>(v > 0 ? v : 0.0);
+      }
+    } else {
+      Light l[6];
+      for (int k = 0; k < 6; ++k) l[k] = p.light[k];
+      for (LONG c = 0; c < width; ++c) {
+        const double px = fx * dx[c], qy = fy * dy[c];
+        const double n = std::sqrt(1.0 + px * px + qy * qy);
+        double sum = 0;
+        for (int k = 0; k < 6; ++k) {
+          const double v = (qy * l[k].s - px * l[k].c + l[k].cosZenith) * 255.0 / n;
+          sum += (v > 0 ? v : 0.0) * l[k].weight;
+        }
+        out[c] = Store<O, true>(sum);
+      }
+    }
+  }
+}
+
+// Derivatives of a row whose window cells are all valid.
+template <class I>
+PW_ALWAYS_INLINE void DerivativesBody(const I* __restrict top, const I* __restrict mid,
+                                      const I* __restrict bottom, LONG width, double* __restrict dx,
+                                      double* __restrict dy) {
+  for (LONG c = 0; c < width; ++c) {
+    const double a = static_cast<double>(top[c]), b = static_cast<double>(top[c + 1]),
+                 cc = static_cast<double>(top[c + 2]);
+    const double d = static_cast<double>(mid[c]), f = static_cast<double>(mid[c + 2]);
+    const double g = static_cast<double>(bottom[c]), h = static_cast<double>(bottom[c + 1]),
+                 i = static_cast<double>(bottom[c + 2]);
+    dx[c] = (cc + 2 * f + i) - (a + 2 * d + g);
+    dy[c] = (g + 2 * h + i) - (a + 2 * b + cc);
+  }
+}
+
+using FormulaFn = void (*)(const double*, const double*, LONG, LONG, const Params&, void*);
+using DerivativesFn = void (*)(const void*, const void*, const void*, LONG, double*, double*);
+
+#define PW_TERRAIN_WRAPPERS(Suffix, Target)                                             \
+  template <Surface kSurface, class O>                                                  \
+  Target void Formula##Suffix(const double* dx, const double* dy, LONG width, LONG row, \
+                              const Params& p, void* out) {                             \
+    FormulaBody<kSurface, O>(dx, dy, width, row, p, static_cast<O*>(out));              \
+  }                                                                                     \
+  template <class I>                                                                    \
+  Target void Derivatives##Suffix(const void* top, const void* mid, const void* bottom, \
+                                  LONG width, double* dx, double* dy) {                 \
+    DerivativesBody<I>(static_cast<const I*>(top), static_cast<const I*>(mid),          \
+                       static_cast<const I*>(bottom), width, dx, dy);                   \
+  }
+PW_TERRAIN_WRAPPERS(Baseline, )
+#if PW_SIMD_X86
+PW_TERRAIN_WRAPPERS(Avx2, PW_TARGET_AVX2)
+PW_TERRAIN_WRAPPERS(Avx512, PW_TARGET_AVX512)
+#endif
+#undef PW_TERRAIN_WRAPPERS
+
+template <Surface kSurface>
+FormulaFn PickFormula(LONG outType, raster::simd::Isa isa) {
+  FormulaFn f = nullptr;
+  raster::VisitPixelType(outType, [&](auto tag) {
+    using O = typename decltype(tag)::type;
+    f = &FormulaBaseline<kSurface, O>;
+#if PW_SIMD_X86
+    if (isa == raster::simd::Isa::kAvx2) f = &FormulaAvx2<kSurface, O>;
+    if (isa == raster::simd::Isa::kAvx512) f = &FormulaAvx512<kSurface, O>;
+#else
+    (void)isa;
+#endif
+  });
+  return f;
+}
+
+FormulaFn SelectFormula(Surface surface, LONG outType, raster::simd::Isa isa) {
+  switch (surface) {
+    case Surface::kSlope:
+      return PickFormula<Surface::kSlope>(outType, isa);
+    case Surface::kAspect:
+      return PickFormula<Surface::kAspect>(outType, isa);
+    default:
+      return PickFormula<Surface::kHillshade>(outType, isa);
+  }
+}
+
+DerivativesFn SelectDerivatives(LONG inType, raster::simd::Isa isa) {
+  DerivativesFn f = nullptr;
+  raster::VisitPixelType(inType, [&](auto tag) {
+    using I = typename decltype(tag)::type;
+    f = &DerivativesBaseline<I>;
+#if PW_SIMD_X86
+    if (isa == raster::simd::Isa::kAvx2) f = &DerivativesAvx2<I>;
+    if (isa == raster::simd::Isa::kAvx512) f = &DerivativesAvx512<I>;
+#else
+    (void)isa;
+#endif
+  });
+  return f;
+}
+
+// Derivatives of one cell by the validity rules; false when the cell has no value.
+template <class I>
+bool CheckedDerivatives(const I* const rows[3], const BYTE* mask, std::size_t stride,
+                        std::size_t firstRow, LONG c, double* dx, double* dy) {
+  auto valid = [&](int r, int k) {
+    return raster::mask::Get(
+        mask, (firstRow + static_cast<std::size_t>(r)) * stride + static_cast<std::size_t>(c + k));
+  };
+  if (!valid(1, 1)) return false;
+  double v[3][3];
+  bool ok[3][3];
+  int count = 0;
+  for (int r = 0; r < 3; ++r)
+    for (int k = 0; k < 3; ++k) {
+      ok[r][k] = valid(r, k);
+      v[r][k] = static_cast<double>(rows[r][c + k]);
+      if (!(r == 1 && k == 1)) count += ok[r][k];
+    }
+  if (count == 8) {
+    *dx = (v[0][2] + 2 * v[1][2] + v[2][2]) - (v[0][0] + 2 * v[1][0] + v[2][0]);
+    *dy = (v[2][0] + 2 * v[2][1] + v[2][2]) - (v[0][0] + 2 * v[0][1] + v[0][2]);
+    return true;
+  }
+  if (count < 7) return false;
+  // One neighbour missing: each side over its valid cells, rescaled to weight 4.
+  auto side = [&](int r0, int k0, int dr, int dk) {
+    const double weights[3] = {1, 2, 1};
+    double sum = 0, weight = 0;
+    for (int j = 0; j < 3; ++j) {
+      const int r = r0 + dr * j, k = k0 + dk * j;
+      if (!ok[r][k]) continue;
+      sum += weights[j] * v[r][k];
+      weight += weights[j];
+    }
+    return weight > 0 ? sum * 4 / weight : 0.0;
+  };
+  const double right = side(0, 2, 1, 0), left = side(0, 0, 1, 0);
+  const double bottom = side(2, 0, 0, 1), top = side(0, 0, 0, 1);
+  *dx = right - left;
+  *dy = bottom - top;
+  return true;
+}
+
+template <class I>
+void CheckedRow(const void* in, const BYTE* mask, LONG width, LONG row, double* dx, double* dy,
+                std::uint8_t* ok) {
+  const std::size_t stride = static_cast<std::size_t>(width) + 2;
+  const I* base = static_cast<const I*>(in);
+  const I* rows[3] = {base + static_cast<std::size_t>(row) * stride,
+                      base + (static_cast<std::size_t>(row) + 1) * stride,
+                      base + (static_cast<std::size_t>(row) + 2) * stride};
+  for (LONG c = 0; c < width; ++c) {
+    ok[c] =
+        CheckedDerivatives<I>(rows, mask, stride, static_cast<std::size_t>(row), c, &dx[c], &dy[c]);
+    if (!ok[c]) dx[c] = dy[c] = 0;
+  }
+}
+
+using CheckedFn = void (*)(const void*, const BYTE*, LONG, LONG, double*, double*, std::uint8_t*);
+
+CheckedFn SelectChecked(LONG inType) {
+  CheckedFn f = nullptr;
+  raster::VisitPixelType(inType, [&](auto tag) { f = &CheckedRow<typename decltype(tag)::type>; });
+  return f;
+}
+
+}  // namespace
+
+Light MakeLight(double azimuth, double altitude, double weight) {
+  const double zenith = (90.0 - altitude) * kPi / 180.0;
+  const double direction = (360.0 - azimuth + 90.0) * kPi / 180.0;
+  Light l;
+  l.cosZenith = std::cos(zenith);
+  l.c = std::cos(direction) * std::sin(zenith);
+  l.s = std::sin(direction) * std::sin(zenith);
+  l.weight = weight;
+  return l;
+}
+
+int RowThreads() {
+  if (raster::InParallelWorker()) return 1;
+  const unsigned logical = std::max(1u, std::thread::hardware_concurrency());
+  return static_cast<int>(std::max(1u, logical / 2));
+}
+
+HRESULT Compute(const void* in, const BYTE* inMask, LONG inType, LONG width, LONG height, void* out,
+                BYTE* outMask, LONG outType, const Params& params, int threads,
+                raster::simd::Isa isa) {
+  if (in == nullptr || inMask == nullptr || out == nullptr || outMask == nullptr || width < 0 ||
+      height < 0)
+    return E_INVALIDARG;
+  const std::size_t cells = static_cast<std::size_t>(width) * static_cast<std::size_t>(height);
+  const std::size_t inCells =
+      (static_cast<std::size_t>(width) + 2) * (static_cast<std::size_t>(height) + 2);
+  if (cells == 0) return S_OK;
+  if (raster::mask::Count(inMask, inCells) == 0) {
+    raster::mask::Fill(outMask, cells, false);
+    return S_FALSE;
+  }
+  const DerivativesFn derivatives = SelectDerivatives(inType, isa);
+  const CheckedFn checked = SelectChecked(inType);
+  const FormulaFn formula = SelectFormula(params.surface, outType, isa);
+  if (derivatives == nullptr || formula == nullptr) return E_INVALIDARG;
+  const bool allValid = raster::mask::AllValid(inMask, inCells);
+  raster::mask::Fill(outMask, cells, true);
+  // One validity byte a cell, written by the rows and folded into the mask afterwards.
+  std::vector<std::uint8_t> validity(allValid ? 0 : cells);
+  const std::size_t inPixel = raster::PixelSize(inType), outPixel = raster::PixelSize(outType);
+  const std::size_t stride = (static_cast<std::size_t>(width) + 2) * inPixel;
+  const auto* inBytes = static_cast<const std::uint8_t*>(in);
+  auto* outBytes = static_cast<std::uint8_t*>(out);
+
+  auto rows = [&](LONG first, LONG last) {
+    std::vector<double> dx(static_cast<std::size_t>(width)), dy(static_cast<std::size_t>(width));
+    for (LONG r = first; r < last; ++r) {
+      if (allValid) {
+        const std::uint8_t* top = inBytes + static_cast<std::size_t>(r) * stride;
+        derivatives(top, top + stride, top + 2 * stride, width, dx.data(), dy.data());
+      } else {
+        checked(in, inMask, width, r, dx.data(), dy.data(),
+                validity.data() + static_cast<std::size_t>(r) * static_cast<std::size_t>(width));
+      }
+      formula(dx.data(), dy.data(), width, r, params,
+              outBytes + static_cast<std::size_t>(r) * static_cast<std::size_t>(width) * outPixel);
+    }
+  };
+#ifdef _OPENMP
+  if (threads > 1 && height > 1) {
+#pragma omp parallel num_threads(threads)
+    {
+      // Static schedule: each thread takes one contiguous band of rows.
+      const int team = omp_get_num_threads(), me = omp_get_thread_num();
+      const LONG per = (height + team - 1) / team;
+      const LONG first = std::min<LONG>(height, per * me);
+      rows(first, std::min<LONG>(height, first + per));
+    }
+  } else {
+    rows(0, height);
+  }
+#else
+  (void)threads;
+  rows(0, height);
+#endif
+  if (!allValid)
+    for (std::size_t i = 0; i < cells; ++i)
+      if (!validity[i]) raster::mask::Clear(outMask, i);
+  return S_OK;
+}
+
+HRESULT ComputeReference(const void* in, const BYTE* inMask, LONG inType, LONG width, LONG height,
+                         void* out, BYTE* outMask, LONG outType, const Params& p) {
+  const std::size_t cells = static_cast<std::size_t>(width) * static_cast<std::size_t>(height);
+  const std::size_t stride = static_cast<std::size_t>(width) + 2;
+  if (raster::mask::Count(inMask, stride * (static_cast<std::size_t>(height) + 2)) == 0) {
+    raster::mask::Fill(outMask, cells, false);
+    return S_FALSE;
+  }
+  raster::mask::Fill(outMask, cells, true);
+  auto value = [&](LONG r, LONG c) {
+    double v = 0;
+    raster::VisitPixelType(inType, [&](auto tag) {
+      using I = typename decltype(tag)::type;
+      v = static_cast<double>(static_cast<const I*>(
+          in)[static_cast<std::size_t>(r) * stride + static_cast<std::size_t>(c)]);
+    });
+    return v;
+  };
+  auto valid = [&](LONG r, LONG c) {
+    return raster::mask::Get(inMask,
+                             static_cast<std::size_t>(r) * stride + static_cast<std::size_t>(c));
+  };
+  for (LONG r = 0; r < height; ++r) {
+    for (LONG c = 0; c < width; ++c) {
+      const std::size_t o = static_cast<std::size_t>(r) * static_cast<std::size_t>(width) +
+                            static_cast<std::size_t>(c);
+      // The window around input cell (r + 1, c + 1).
+      double w[3][3];
+      bool ok[3][3];
+      int neighbours = 0;
+      for (int j = 0; j < 3; ++j)
+        for (int k = 0; k < 3; ++k) {
+          w[j][k] = value(r + j, c + k);
+          ok[j][k] = valid(r + j, c + k);
+          if (j != 1 || k != 1) neighbours += ok[j][k];
+        }
+      if (!ok[1][1] || neighbours < 7) {
+        raster::mask::Clear(outMask, o);
+        continue;
+      }
+      double dzdx = 0, dzdy = 0;
+      if (neighbours == 8) {
+        dzdx = (w[0][2] + 2 * w[1][2] + w[2][2]) - (w[0][0] + 2 * w[1][0] + w[2][0]);
+        dzdy = (w[2][0] + 2 * w[2][1] + w[2][2]) - (w[0][0] + 2 * w[0][1] + w[0][2]);
+      } else {
+        auto side = [&](double v0, bool o0, double v1, bool o1, double v2, bool o2) {
+          const double sum = (o0 ? v0 : 0) + (o1 ? 2 * v1 : 0) + (o2 ? v2 : 0);
+          const double weight = (o0 ? 1 : 0) + (o1 ? 2 : 0) + (o2 ? 1 : 0);
+          return weight > 0 ? sum * 4 / weight : 0.0;
+        };
+        const double right = side(w[0][2], ok[0][2], w[1][2], ok[1][2], w[2][2], ok[2][2]);
+        const double left = side(w[0][0], ok[0][0], w[1][0], ok[1][0], w[2][0], ok[2][0]);
+        const double bottom = side(w[2][0], ok[2][0], w[2][1], ok[2][1], w[2][2], ok[2][2]);
+        const double top = side(w[0][0], ok[0][0], w[0][1], ok[0][1], w[0][2], ok[0][2]);
+        dzdx = right - left;
+        dzdy = bottom - top;
+      }
+      double v = 0;
+      bool aspectWrap = false;
+      switch (p.surface) {
+        case Surface::kSlope: {
+          double rise = std::sqrt((p.fx * dzdx) * (p.fx * dzdx) + (p.fy * dzdy) * (p.fy * dzdy));
+          if (p.mercator) rise *= std::cosh((p.topY - r * p.cellY) / kEarthRadius);
+          v = p.slopeType == 2 ? rise * 100.0 : std::atan(rise) * kDegrees;
+          break;
+        }
+        case Surface::kAspect: {
+          const double x = dzdx / p.cellX, y = dzdy / p.cellYAspect;
+          if (x == 0 && y == 0) {
+            v = -1.0;
+          } else {
+            v = 90.0 - std::atan2(y, -x) * kDegrees;
+            if (v < 0) v += 360.0;
+          }
+          aspectWrap = true;
+          break;
+        }
+        case Surface::kHillshade: {
+          const double px = p.fx * dzdx, qy = p.fy * dzdy;
+          const double n = std::sqrt(1 + px * px + qy * qy);
+          for (int k = 0; k < p.lights; ++k) {
+            const Light& l = p.light[k];
+            v += std::max(0.0, (qy * l.s - px * l.c + l.cosZenith) * 255.0 / n) *
+                 (p.lights == 1 ? 1.0 : l.weight);
+          }
+          break;
+        }
+      }
+      raster::VisitPixelType(outType, [&](auto tag) {
+        using O = typename decltype(tag)::type;
+        O stored = raster::StoreTruncated<O>(std::is_integral_v<O> ? v + 0.5 : v);
+        if (aspectWrap && static_cast<double>(stored) >= 360.0) stored = O{0};
+        static_cast<O*>(out)[o] = stored;
+      });
+    }
+  }
+  return S_OK;
+}
+
+}  // namespace pw::functions::terrain
