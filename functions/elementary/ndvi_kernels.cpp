@@ -19,6 +19,18 @@ template <class I, class O>
 constexpr bool kSinglePrecision = std::is_same_v<O, float>&& std::is_integral_v<I> &&
                                   sizeof(I) <= 2;
 
+// v, or 0 when the sum is 0. For integer inputs v is then finite (a difference over 1), so
+// a multiplication by 0 (plus 0, so the zero is never negative) keeps the loop free of
+// branches, which the vectorizer needs; float inputs may be huge and take the select.
+template <class I>
+PW_ALWAYS_INLINE double ZeroWhenNoSum(double v, double sum) {
+  if constexpr (std::is_integral_v<I>) {
+    return v * static_cast<double>(sum != 0.0) + 0.0;
+  } else {
+    return sum == 0.0 ? 0.0 : v;
+  }
+}
+
 template <class I, class O>
 PW_ALWAYS_INLINE void Scientific(const void* rv, const void* iv, void* ov, BYTE* mask,
                                  std::size_t n) {
@@ -34,10 +46,8 @@ PW_ALWAYS_INLINE void Scientific(const void* rv, const void* iv, void* ov, BYTE*
     } else {
       const double r = static_cast<double>(red[k]), i = static_cast<double>(infrared[k]);
       const double s = i + r;
-      // A zero sum gives 0: the quotient (of a finite value by 1) times 0, plus 0 so that
-      // the zero is never negative. Multiplying keeps the loop free of branches.
       const double q = (i - r) / (s == 0.0 ? 1.0 : s);
-      const double v = q * static_cast<double>(s != 0.0) + 0.0;
+      const double v = ZeroWhenNoSum<I>(q, s);
       if constexpr (std::is_integral_v<O>) {
         out[k] = raster::StoreTruncated<O>(std::floor(v + 0.5));
       } else {
@@ -57,7 +67,7 @@ PW_ALWAYS_INLINE void Scaled(const void* rv, const void* iv, void* ov, BYTE* mas
     const double r = static_cast<double>(red[k]), i = static_cast<double>(infrared[k]);
     const double s = i + r;
     const double q = (i - r) / (s == 0.0 ? 1.0 : s);
-    const double v = (q * 100.0 + 100.0 + 0.5) * static_cast<double>(s != 0.0) + 0.0;
+    const double v = ZeroWhenNoSum<I>(q * 100.0 + 100.0 + 0.5, s);
     if constexpr (std::is_unsigned_v<I> && std::is_integral_v<O>) {
       // Non-negative values give an index in [-1, 1], so v lies in [0.5, 200.5].
       out[k] = static_cast<O>(static_cast<std::int32_t>(v));

@@ -147,10 +147,10 @@ TEST(EntryPoints, GiveFactoriesForKnownClassesOnly) {
 TEST(EntryPoints, ClassesNotInThisBuildFailWithANamedMessage) {
   ComPtr<IUnknown> object;
   ClearErrorInfo();
-  EXPECT_EQ(CreateInstance(u"quarnDataSourcesRaster.SlopeFunction", &object), E_NOTIMPL);
+  EXPECT_EQ(CreateInstance(u"quarnDataSourcesRaster.MosaicFunction", &object), E_NOTIMPL);
   EXPECT_EQ(object.Get(), nullptr);
   const std::string message = ToUtf8(TakeErrorDescription());
-  EXPECT_NE(message.find("SlopeFunction"), std::string::npos) << message;
+  EXPECT_NE(message.find("MosaicFunction"), std::string::npos) << message;
   EXPECT_NE(message.find("not available in this build"), std::string::npos) << message;
 }
 
