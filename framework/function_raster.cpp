@@ -190,12 +190,16 @@ HRESULT FunctionRasterDataset::ReadWindow(LONG band, LONG column, LONG row, LONG
     std::memcpy(buffer, block->Buffer(band), n * raster::PixelSize(info_.pixelType));
     std::memcpy(bits, block->Mask(band), raster::mask::Bytes(n));
     // Cells beyond the function's grid are not part of it.
-    for (LONG r = 0; r < height; ++r)
-      for (LONG c = 0; c < width; ++c)
-        if (column + c < 0 || row + r < 0 || column + c >= info_.grid.columns ||
-            row + r >= info_.grid.rows)
-          raster::mask::Clear(bits, static_cast<std::size_t>(r) * static_cast<std::size_t>(width) +
-                                        static_cast<std::size_t>(c));
+    const bool inside = column >= 0 && row >= 0 && column + width <= info_.grid.columns &&
+                        row + height <= info_.grid.rows;
+    if (!inside)
+      for (LONG r = 0; r < height; ++r)
+        for (LONG c = 0; c < width; ++c)
+          if (column + c < 0 || row + r < 0 || column + c >= info_.grid.columns ||
+              row + r >= info_.grid.rows)
+            raster::mask::Clear(bits,
+                                static_cast<std::size_t>(r) * static_cast<std::size_t>(width) +
+                                    static_cast<std::size_t>(c));
     return S_OK;
   });
 }

@@ -71,4 +71,26 @@ void Intersect(std::uint8_t* d, const std::uint8_t* s, std::size_t bytes) {
   Combine(d, s, bytes, [](auto a, auto b) { return a & b; });
 }
 
+void Unpack(const std::uint8_t* m, std::size_t pixels, std::uint8_t* bytes) {
+  const std::size_t whole = pixels / 8;
+  for (std::size_t b = 0; b < whole; ++b) {
+    const unsigned byte = m[b];
+    for (unsigned k = 0; k < 8; ++k)
+      bytes[b * 8 + k] = static_cast<std::uint8_t>((byte >> (7 - k)) & 1u);
+  }
+  for (std::size_t i = whole * 8; i < pixels; ++i) bytes[i] = Get(m, i) ? 1 : 0;
+}
+
+void ClearWhereZero(std::uint8_t* m, const std::uint8_t* bytes, std::size_t pixels) {
+  const std::size_t whole = pixels / 8;
+  for (std::size_t b = 0; b < whole; ++b) {
+    unsigned keep = 0;
+    for (unsigned k = 0; k < 8; ++k)
+      keep |= static_cast<unsigned>(bytes[b * 8 + k] != 0) << (7 - k);
+    m[b] = static_cast<std::uint8_t>(m[b] & keep);
+  }
+  for (std::size_t i = whole * 8; i < pixels; ++i)
+    if (!bytes[i]) Clear(m, i);
+}
+
 }  // namespace pw::raster::mask

@@ -34,6 +34,26 @@ void Fill(std::uint8_t* m, std::size_t pixels, bool valid);
 std::size_t Count(const std::uint8_t* m, std::size_t pixels);
 bool AllValid(const std::uint8_t* m, std::size_t pixels);
 // destination |= source, or destination &= source, over `bytes` bytes.
+// Writes `fill` into every value whose bit is clear, eight pixels a byte: whole valid bytes
+// are skipped.
+template <class T>
+void FillInvalid(T* values, const std::uint8_t* m, std::size_t pixels, T fill) {
+  const std::size_t whole = pixels / 8;
+  for (std::size_t b = 0; b < whole; ++b) {
+    const std::uint8_t byte = m[b];
+    if (byte == 0xFF) continue;
+    for (unsigned k = 0; k < 8; ++k)
+      if (!(byte & (0x80u >> k))) values[b * 8 + k] = fill;
+  }
+  for (std::size_t i = whole * 8; i < pixels; ++i)
+    if (!Get(m, i)) values[i] = fill;
+}
+
+// Each pixel's validity as a byte (1 valid, 0 not).
+void Unpack(const std::uint8_t* m, std::size_t pixels, std::uint8_t* bytes);
+// Clears the bit of every pixel whose byte is 0.
+void ClearWhereZero(std::uint8_t* m, const std::uint8_t* bytes, std::size_t pixels);
+
 void Union(std::uint8_t* destination, const std::uint8_t* source, std::size_t bytes);
 void Intersect(std::uint8_t* destination, const std::uint8_t* source, std::size_t bytes);
 

@@ -118,6 +118,27 @@ HRESULT CreateRaster(IRasterSource* source, IRaster** raster) {
   });
 }
 
+bool Raster::PlainView() const {
+  const RasterGrid& s = sourceInfo_.grid;
+  const std::optional<double> sourceNoData =
+      sourceInfo_.noData.empty() ? std::nullopt : sourceInfo_.noData.front();
+  return !warp_ && !filter_ && pixelType_ == sourceInfo_.pixelType && grid_.columns == s.columns &&
+         grid_.rows == s.rows && grid_.xmin == s.xmin && grid_.xmax == s.xmax &&
+         grid_.ymin == s.ymin && grid_.ymax == s.ymax && noData_ == sourceNoData &&
+         reference_.Get() == sourceInfo_.reference.Get();
+}
+
+HRESULT CreateDirectView(IRaster* raster, IRaster** view) {
+  PW_CHECK_POINTER(view);
+  *view = nullptr;
+  if (raster == nullptr) return E_INVALIDARG;
+  auto* plain = dynamic_cast<Raster*>(raster);
+  if (plain != nullptr && plain->PlainView()) return CreateRaster(plain->Source().Get(), view);
+  ComPtr<IRasterSource> source = ComPtr<IRaster>(raster).As<IRasterSource>();
+  if (!source) return E_INVALIDARG;
+  return CreateRaster(source.Get(), view);
+}
+
 RasterGrid GridOf(IRaster* raster) {
   RasterGrid g;
   ComPtr<IRasterProps> props = ComPtr<IRaster>(raster).As<IRasterProps>();
@@ -300,8 +321,7 @@ HRESULT Raster::ReadConverted(std::size_t n, LONG type, void* out, BYTE* bits,
     T* dst = static_cast<T*>(out);
     bool ignored = true;
     const T fill = noData_ ? ConvertValue<T>(*noData_, range, &ignored) : T{0};
-    for (std::size_t i = 0; i < n; ++i)
-      if (!mask::Get(bits, i)) dst[i] = fill;
+    mask::FillInvalid(dst, bits, n, fill);
   });
   return S_OK;
 }

@@ -46,6 +46,9 @@ class Raster : public IRaster, public IRasterProps, public IRasterSource {
                                        void* buffer, BYTE* mask) override;
 
   const RasterGrid& Grid() const { return grid_; }
+  // True when the view reads its source as it is: the same grid, pixel type, reference and
+  // no-data value, no filter.
+  bool PlainView() const;
   const ComPtr<IRasterSource>& Source() const { return source_; }
   void SetGrid(const RasterGrid& grid) { grid_ = grid; }
 
@@ -82,6 +85,10 @@ RasterGrid GridOf(IRaster* raster);
 
 // A view over every band of a source.
 HRESULT CreateRaster(IRasterSource* source, IRaster** raster);
+
+// A new view with the raster's grid, pixel type and reference that reads the raster's own
+// source when the raster is a plain view of it (one layer fewer), else reads the raster.
+HRESULT CreateDirectView(IRaster* raster, IRaster** view);
 
 // A view of `raster` on `grid`, in `reference` (null keeps the raster's) and `pixelType`,
 // resampled with the raster's own resampling code.

@@ -31,10 +31,10 @@ HRESULT TerrainFunction::BindElevation(const VARIANT* dem, bool removeEdgeEffect
   LONG bands = 0;
   opened.As<IRasterProps>()->get_BandCount(&bands);
   if (bands < 1) return ChainParamBindError(u"Raster", E_INVALIDARG, framework::kRasterDataset);
-  // A view of band 1 of our own, so that setting its resampling code leaves the caller's
-  // raster as it was.
+  // A view of our own, so that setting its resampling code leaves the caller's raster as it
+  // was; reads take its band 1 only.
   ComPtr<IRaster> first;
-  PW_RETURN_IF_FAILED(raster::CreateFirstBandView(opened.Get(), &first));
+  PW_RETURN_IF_FAILED(raster::CreateDirectView(opened.Get(), &first));
   LONG type = -1;
   first.As<IRasterProps>()->get_PixelType(&type);
   PW_RETURN_IF_FAILED(first->put_ResampleMethod(removeEdgeEffect ? raster::kBilinearEdgeExtended
@@ -94,7 +94,7 @@ HRESULT TerrainFunction::ReadImpl(LONG column, LONG row, IPixelBlock* block) {
   if (shape.width < 1 || shape.height < 1) return S_OK;
   ComPtr<IPixelBlock> grown;
   PW_RETURN_IF_FAILED(raster::ReadGrownWindow(dem_.Get(), column, row, shape.width, shape.height, 1,
-                                              removeEdgeEffect_, inputType_, &grown));
+                                              removeEdgeEffect_, inputType_, &grown, 1));
   ComPtr<IPixelBlock> target(block);
   if (shape.pixelType != outputType_ || shape.bands != 1)
     PW_RETURN_IF_FAILED(

@@ -111,11 +111,19 @@ PW_ALWAYS_INLINE void FormulaBody(const double* __restrict dx, const double* __r
     const double cx = p.cellX, cy = p.cellYAspect;
     for (LONG c = 0; c < width; ++c) {
       const double x = dx[c] / cx, y = dy[c] / cy;
+      // Arithmetic rather than selects on the value: the vectorizer gives up on a select
+      // feeding a narrowing store. Every step is exact (v times 1, plus 0).
       double v = 90.0 - Atan2(y, -x) * kDegrees;
-      v = v < 0 ? v + 360.0 : v;
-      v = (x == 0 && y == 0) ? -1.0 : v;
-      O stored = Store<O, false>(v);
-      out[c] = static_cast<double>(stored) >= 360.0 ? O{0} : stored;
+      v += 360.0 * static_cast<double>(v < 0);
+      const double flat = static_cast<double>((x == 0) & (y == 0));
+      v = v * (1.0 - flat) - flat;
+      if constexpr (std::is_floating_point_v<O>) {
+        // For float outputs the value itself is tested against 360.
+        out[c] = static_cast<O>(v * static_cast<double>(v < 360.0));
+      } else {
+        const O stored = Store<O, true>(v);  // v lies in [-1, 360]
+        out[c] = static_cast<double>(stored) >= 360.0 ? O{0} : stored;
+      }
     }
   } else {
     const double fx = p.fx, fy = p.fy;
@@ -267,22 +275,29 @@ bool CheckedDerivatives(const I* const rows[3], const BYTE* mask, std::size_t st
   return true;
 }
 
+// Redoes the cells of a row whose window is not wholly valid (`full` is 0) by the validity
+// rules; the others keep the fast path's derivatives.
 template <class I>
-void CheckedRow(const void* in, const BYTE* mask, LONG width, LONG row, double* dx, double* dy,
-                std::uint8_t* ok) {
+void CheckedRow(const void* in, const BYTE* mask, LONG width, LONG row, const std::uint8_t* full,
+                double* dx, double* dy, std::uint8_t* ok) {
   const std::size_t stride = static_cast<std::size_t>(width) + 2;
   const I* base = static_cast<const I*>(in);
   const I* rows[3] = {base + static_cast<std::size_t>(row) * stride,
                       base + (static_cast<std::size_t>(row) + 1) * stride,
                       base + (static_cast<std::size_t>(row) + 2) * stride};
   for (LONG c = 0; c < width; ++c) {
+    if (full[c]) {
+      ok[c] = 1;
+      continue;
+    }
     ok[c] =
         CheckedDerivatives<I>(rows, mask, stride, static_cast<std::size_t>(row), c, &dx[c], &dy[c]);
     if (!ok[c]) dx[c] = dy[c] = 0;
   }
 }
 
-using CheckedFn = void (*)(const void*, const BYTE*, LONG, LONG, double*, double*, std::uint8_t*);
+using CheckedFn = void (*)(const void*, const BYTE*, LONG, LONG, const std::uint8_t*, double*,
+                           double*, std::uint8_t*);
 
 CheckedFn SelectChecked(LONG inType) {
   CheckedFn f = nullptr;
@@ -336,14 +351,27 @@ HRESULT Compute(const void* in, const BYTE* inMask, LONG inType, LONG width, LON
   const auto* inBytes = static_cast<const std::uint8_t*>(in);
   auto* outBytes = static_cast<std::uint8_t*>(out);
 
+  // With invalid pixels: each input cell's validity as a byte, so that a row finds the
+  // windows that are wholly valid with a few byte operations.
+  const std::size_t columns = static_cast<std::size_t>(width) + 2;
+  std::vector<std::uint8_t> cellValid(allValid ? 0 : inCells);
+  if (!allValid) raster::mask::Unpack(inMask, inCells, cellValid.data());
+
   auto rows = [&](LONG first, LONG last) {
     std::vector<double> dx(static_cast<std::size_t>(width)), dy(static_cast<std::size_t>(width));
+    std::vector<std::uint8_t> full(allValid ? 0 : static_cast<std::size_t>(width));
     for (LONG r = first; r < last; ++r) {
-      if (allValid) {
-        const std::uint8_t* top = inBytes + static_cast<std::size_t>(r) * stride;
-        derivatives(top, top + stride, top + 2 * stride, width, dx.data(), dy.data());
-      } else {
-        checked(in, inMask, width, r, dx.data(), dy.data(),
+      // The fast path for every cell; cells near invalid ones are then redone.
+      const std::uint8_t* top = inBytes + static_cast<std::size_t>(r) * stride;
+      derivatives(top, top + stride, top + 2 * stride, width, dx.data(), dy.data());
+      if (!allValid) {
+        const std::uint8_t* v0 = cellValid.data() + static_cast<std::size_t>(r) * columns;
+        const std::uint8_t* v1 = v0 + columns;
+        const std::uint8_t* v2 = v1 + columns;
+        for (LONG c = 0; c < width; ++c)
+          full[c] = v0[c] & v0[c + 1] & v0[c + 2] & v1[c] & v1[c + 1] & v1[c + 2] & v2[c] &
+                    v2[c + 1] & v2[c + 2];
+        checked(in, inMask, width, r, full.data(), dx.data(), dy.data(),
                 validity.data() + static_cast<std::size_t>(r) * static_cast<std::size_t>(width));
       }
       formula(dx.data(), dy.data(), width, r, params,
@@ -367,9 +395,7 @@ HRESULT Compute(const void* in, const BYTE* inMask, LONG inType, LONG width, LON
   (void)threads;
   rows(0, height);
 #endif
-  if (!allValid)
-    for (std::size_t i = 0; i < cells; ++i)
-      if (!validity[i]) raster::mask::Clear(outMask, i);
+  if (!allValid) raster::mask::ClearWhereZero(outMask, validity.data(), cells);
   return S_OK;
 }
 
@@ -463,8 +489,10 @@ HRESULT ComputeReference(const void* in, const BYTE* inMask, LONG inType, LONG w
       }
       raster::VisitPixelType(outType, [&](auto tag) {
         using O = typename decltype(tag)::type;
+        if (aspectWrap && std::is_floating_point_v<O> && v >= 360.0) v = 0;
         O stored = raster::StoreTruncated<O>(std::is_integral_v<O> ? v + 0.5 : v);
-        if (aspectWrap && static_cast<double>(stored) >= 360.0) stored = O{0};
+        if (aspectWrap && std::is_integral_v<O> && static_cast<double>(stored) >= 360.0)
+          stored = O{0};
         static_cast<O*>(out)[o] = stored;
       });
     }

@@ -10,7 +10,8 @@
 namespace pw::raster {
 
 HRESULT ReadGrownWindow(IRaster* raster, LONG column, LONG row, LONG width, LONG height,
-                        LONG radius, bool edgeExtend, LONG pixelType, IPixelBlock** block) {
+                        LONG radius, bool edgeExtend, LONG pixelType, IPixelBlock** block,
+                        LONG wanted) {
   PW_CHECK_POINTER(block);
   *block = nullptr;
   ComPtr<IRasterProps> props;
@@ -21,6 +22,7 @@ HRESULT ReadGrownWindow(IRaster* raster, LONG column, LONG row, LONG width, LONG
   props->get_Width(&columns);
   props->get_Height(&rows);
   props->get_BandCount(&bands);
+  if (wanted > 0) bands = std::min(bands, wanted);
   const LONG gw = width + 2 * radius, gh = height + 2 * radius;
   const LONG x0 = column - radius, y0 = row - radius;
   ComPtr<IPixelBlock> grown;

@@ -7,8 +7,10 @@
 
 namespace pw::raster {
 
-// `block` receives (width + 2 radius) x (height + 2 radius) pixels of `pixelType`.
+// `block` receives (width + 2 radius) x (height + 2 radius) pixels of `pixelType`, of the
+// first `bands` bands (every band when `bands` is 0).
 HRESULT ReadGrownWindow(IRaster* raster, LONG column, LONG row, LONG width, LONG height,
-                        LONG radius, bool edgeExtend, LONG pixelType, IPixelBlock** block);
+                        LONG radius, bool edgeExtend, LONG pixelType, IPixelBlock** block,
+                        LONG bands = 0);
 
 }  // namespace pw::raster

@@ -251,8 +251,7 @@ HRESULT ExportRaster(IRaster* raster, const std::string& path, const ExportOptio
             T* values = static_cast<T*>(block->Buffer(b));
             bool ignored = true;
             const T fill = ConvertValue<T>(noData, PixelRange(type), &ignored);
-            for (std::size_t i = 0; i < pixels; ++i)
-              if (!mask::Get(bits, i)) values[i] = fill;
+            mask::FillInvalid(values, bits, pixels, fill);
           });
         }
         if (GDALRasterIO(GDALGetRasterBand(out, b + 1), GF_Write, 0, row, width, rows,

@@ -3,16 +3,24 @@
 // wavelength from the files' own band descriptions, and chains run by the command line.
 #include <gtest/gtest.h>
 
+#include <cpl_conv.h>
 #include <gdal.h>
+#include <ogr_srs_api.h>
 
 #include <cmath>
 #include <cstdlib>
 #include <functional>
+#include <optional>
+#include <thread>
 
+#include "framework/chain_json.h"
 #include "functions/bands/extract_band_function.h"
 #include "functions/elementary/arithmetic_function.h"
 #include "functions/elementary/ndvi_function.h"
+#include "functions/terrain/hillshade_function.h"
+#include "functions/terrain/slope_function.h"
 #include "raster/gdal/gdal_dataset.h"
+#include "raster/mask.h"
 #include "tests/functions/function_test_support.h"
 #include "tests/test_support.h"
 
@@ -30,6 +38,8 @@ struct Tiff {
   std::function<double(int band, int column, int row)> value;
   std::vector<std::string> names = {};
   std::vector<std::pair<double, double>> wavelengths = {};
+  int epsg = 0;
+  std::optional<double> noData = {};
 };
 
 void Write(const std::string& path, const Tiff& t) {
@@ -39,11 +49,21 @@ void Write(const std::string& path, const Tiff& t) {
   ASSERT_NE(ds, nullptr);
   double transform[6] = {t.x0, t.cell, 0, t.top, 0, -t.cell};
   GDALSetGeoTransform(ds, transform);
+  if (t.epsg != 0) {
+    OGRSpatialReferenceH sr = OSRNewSpatialReference(nullptr);
+    OSRImportFromEPSG(sr, t.epsg);
+    char* wkt = nullptr;
+    OSRExportToWkt(sr, &wkt);
+    GDALSetProjection(ds, wkt);
+    CPLFree(wkt);
+    OSRDestroySpatialReference(sr);
+  }
   for (int b = 0; b < t.bands; ++b) {
     std::vector<double> values(static_cast<std::size_t>(t.columns) * t.rows);
     for (int r = 0; r < t.rows; ++r)
       for (int c = 0; c < t.columns; ++c) values[r * t.columns + c] = t.value(b, c, r);
     GDALRasterBandH band = GDALGetRasterBand(ds, b + 1);
+    if (t.noData) GDALSetRasterNoDataValue(band, *t.noData);
     ASSERT_EQ(GDALRasterIO(band, GF_Write, 0, 0, t.columns, t.rows, values.data(), t.columns,
                            t.rows, GDT_Float64, 0, 0),
               CE_None);
@@ -254,6 +274,127 @@ TEST_F(FunctionFiles, ChainsRunFromTheCommandLine) {
         EXPECT_EQ(values[i], c.expected(b, i)) << c.chain << " " << b;
       }
     }
+  }
+}
+
+// A read of the whole output as one block, or tile by tile (tiles of `tw` x `th`).
+struct Image {
+  std::vector<std::uint8_t> values, mask;
+  bool operator==(const Image&) const = default;
+};
+
+Image ReadTiled(IRasterFunction* f, LONG width, LONG height, LONG tw, LONG th, int threads = 1) {
+  ComPtr<IRasterInfo> info;
+  f->get_RasterInfo(&info);
+  LONG type = 0;
+  info->get_PixelType(&type);
+  const std::size_t size = raster::PixelSize(type);
+  Image image;
+  image.values.assign(static_cast<std::size_t>(width) * height * size, 0);
+  image.mask.assign(static_cast<std::size_t>(width) * height, 0);
+  std::vector<std::pair<LONG, LONG>> tiles;
+  for (LONG r = 0; r < height; r += th)
+    for (LONG c = 0; c < width; c += tw) tiles.emplace_back(c, r);
+  std::atomic<std::size_t> next{0};
+  auto work = [&] {
+    for (std::size_t k = next++; k < tiles.size(); k = next++) {
+      const auto [c0, r0] = tiles[k];
+      const LONG w = std::min(tw, width - c0), h = std::min(th, height - r0);
+      ComPtr<IPixelBlock> block;
+      raster::CreatePixelBlock(w, h, 1, type, &block);
+      auto origin = MakeObject<raster::Pnt>();
+      origin->PutCoords(c0, r0);
+      EXPECT_TRUE(SUCCEEDED(f->Read(origin.As<IPnt>().Get(), nullptr, block.Get())));
+      for (LONG r = 0; r < h; ++r)
+        for (LONG c = 0; c < w; ++c) {
+          const std::size_t from = static_cast<std::size_t>(r) * w + c;
+          const std::size_t to = static_cast<std::size_t>(r0 + r) * width + c0 + c;
+          std::memcpy(&image.values[to * size],
+                      static_cast<std::uint8_t*>(block->Buffer(0)) + from * size, size);
+          image.mask[to] = raster::mask::Get(block->Mask(0), from);
+        }
+    }
+  };
+  std::vector<std::thread> team;
+  for (int t = 0; t < threads; ++t) team.emplace_back(work);
+  for (auto& t : team) t.join();
+  return image;
+}
+
+TEST_F(FunctionFiles, TerrainReadsInBlocksEqualTheWholeRead) {
+  // Rolling terrain with a no-data hole, projected.
+  const Tiff dem{500000,
+                 4650000,
+                 30,
+                 150,
+                 90,
+                 1,
+                 GDT_Float32,
+                 [](int, int c, int r) {
+                   if ((c - 40) * (c - 40) + (r - 30) * (r - 30) < 50) return -9999.0;
+                   return 300 + 40 * std::sin(c / 9.0) * std::cos(r / 7.0) + 0.37 * c;
+                 },
+                 {},
+                 {},
+                 32633,
+                 -9999.0};
+  Write((dir_ / "dem.tif").string(), dem);
+  const char* chains[] = {
+      R"({"function": "SlopeFunction", "arguments": {"DEM": "dem.tif"}})",
+      R"({"function": "SlopeFunction", "arguments": {"DEM": "dem.tif", "RemoveEdgeEffect": true,
+          "SlopeType": 2}, "pixelType": "S16"})",
+      R"({"function": "AspectFunction", "arguments": {"Raster": "dem.tif"}, "pixelType": "F32"})",
+      R"({"function": "HillshadeFunction", "arguments": {"DEM": "dem.tif", "HillshadeType": 1,
+          "RemoveEdgeEffect": true}})",
+  };
+  for (const char* text : chains) {
+    ComPtr<IFunctionRasterDataset> chain;
+    ASSERT_EQ(framework::LoadChainText(text, dir_.Path(), &chain), S_OK) << test::LastError();
+    ComPtr<IRasterFunction> f;
+    chain->get_Function(&f);
+    const Image whole = ReadTiled(f.Get(), 150, 90, 150, 90);
+    EXPECT_GT(std::count(whole.mask.begin(), whole.mask.end(), 1), 150 * 80) << text;
+    EXPECT_TRUE(ReadTiled(f.Get(), 150, 90, 37, 23) == whole) << text;
+    EXPECT_TRUE(ReadTiled(f.Get(), 150, 90, 64, 1) == whole) << text;
+    EXPECT_TRUE(ReadTiled(f.Get(), 150, 90, 16, 16, 4) == whole) << text;
+  }
+}
+
+TEST_F(FunctionFiles, TerrainChainsRunOnProjectedAndGeographicFiles) {
+  // A plane rising 3 m a cell eastward and 4 m a cell southward.
+  const Tiff utm{
+      500000, 4650000, 10,          20,
+      20,     1,       GDT_Float32, [](int, int c, int r) { return 100 + 3.0 * c + 4.0 * r; },
+      {},     {},      32633};
+  // On 0.001 degree cells rising 11.1 m a cell eastward: with z 1 the cell counts as 111 m.
+  const Tiff geographic{15, 45, 0.001,       20,
+                        20, 1,  GDT_Float32, [](int, int c, int) { return 11.1 * c; },
+                        {}, {}, 4326};
+  Write((dir_ / "utm.tif").string(), utm);
+  Write((dir_ / "geographic.tif").string(), geographic);
+  const struct {
+    const char* chain;
+    double expected;  // at an interior cell
+  } cases[] = {
+      {R"({"function": "SlopeFunction", "arguments": {"DEM": "utm.tif"}})",
+       static_cast<float>(std::atan(0.5) * 57.29578)},
+      {R"({"function": "SlopeFunction", "arguments": {"DEM": "geographic.tif", "SlopeType": 2}})",
+       static_cast<float>(0.1 * 100)},
+      {R"({"function": "AspectFunction", "arguments": {"Raster": "utm.tif"}})",
+       std::trunc(90 - std::atan2(3.2, -2.4) * 57.29578 + 360 + 0.5)},
+      {R"({"function": "HillshadeFunction", "arguments": {"DEM": "utm.tif", "Azimuth": 0,
+          "Altitude": 90}})",
+       std::trunc(255 / std::sqrt(1 + 0.25) + 0.5)},
+  };
+  int n = 0;
+  for (const auto& c : cases) {
+    const std::string chain = (dir_ / ("terrain" + std::to_string(n) + ".json")).string();
+    const std::string out = (dir_ / ("terrain" + std::to_string(n++) + ".tif")).string();
+    test::WriteFile(chain, c.chain);
+    std::string log;
+    ASSERT_EQ(RunCli("run " + chain + " -o " + out + " --quiet", &log), 0) << c.chain << log;
+    const std::vector<double> values = ReadBand(out, 1);
+    EXPECT_NEAR(values[10 * 20 + 10], c.expected, 1e-4) << c.chain;
   }
 }
 
