@@ -120,11 +120,13 @@ HRESULT CreateRaster(IRasterSource* source, IRaster** raster) {
 
 bool Raster::PlainView() const {
   const RasterGrid& s = sourceInfo_.grid;
-  const std::optional<double> sourceNoData =
-      sourceInfo_.noData.empty() ? std::nullopt : sourceInfo_.noData.front();
+  const bool sourceHasNoData = !sourceInfo_.noData.empty() && sourceInfo_.noData.front();
+  const bool sameNoData = sourceHasNoData
+                              ? noData_.has_value() && *noData_ == *sourceInfo_.noData.front()
+                              : !noData_.has_value();
   return !warp_ && !filter_ && pixelType_ == sourceInfo_.pixelType && grid_.columns == s.columns &&
          grid_.rows == s.rows && grid_.xmin == s.xmin && grid_.xmax == s.xmax &&
-         grid_.ymin == s.ymin && grid_.ymax == s.ymax && noData_ == sourceNoData &&
+         grid_.ymin == s.ymin && grid_.ymax == s.ymax && sameNoData &&
          reference_.Get() == sourceInfo_.reference.Get();
 }
 
