@@ -15,6 +15,9 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#ifdef __GLIBC__
+#include <malloc.h>
+#endif
 #include <filesystem>
 #include <string>
 #include <string_view>
@@ -236,6 +239,12 @@ int Run(const std::vector<std::string_view>& options) {
 }  // namespace
 
 int main(int argc, char** argv) {
+#ifdef __GLIBC__
+  // Strip buffers are large and short-lived: keep them on the heap for reuse rather than
+  // mapping fresh zeroed pages for every strip.
+  mallopt(M_MMAP_THRESHOLD, 256 << 20);
+  mallopt(M_TRIM_THRESHOLD, 512 << 20);
+#endif
   pw::raster::gdal::Initialize();
   // Reads go block by block, so a small block cache suffices and keeps the peak memory of
   // a run flat; GDAL_CACHEMAX in the environment still decides when set.
