@@ -302,6 +302,15 @@ bool CheckedDerivatives(const I* const rows[3], const BYTE* mask, std::size_t st
   return true;
 }
 
+// 1 for each cell of a row whose 3 x 3 window is wholly valid, from the validity bytes of
+// the three input rows.
+void WholeWindows(const std::uint8_t* __restrict v0, const std::uint8_t* __restrict v1,
+                  const std::uint8_t* __restrict v2, LONG width, std::uint8_t* __restrict full) {
+  for (LONG c = 0; c < width; ++c)
+    full[c] = v0[c] & v0[c + 1] & v0[c + 2] & v1[c] & v1[c + 1] & v1[c + 2] & v2[c] & v2[c + 1] &
+              v2[c + 2];
+}
+
 // Redoes the cells of a row whose window is not wholly valid (`full` is 0) by the validity
 // rules; the others keep the fast path's derivatives.
 template <class I>
@@ -312,11 +321,12 @@ void CheckedRow(const void* in, const BYTE* mask, LONG width, LONG row, const st
   const I* rows[3] = {base + static_cast<std::size_t>(row) * stride,
                       base + (static_cast<std::size_t>(row) + 1) * stride,
                       base + (static_cast<std::size_t>(row) + 2) * stride};
+  std::memset(ok, 1, static_cast<std::size_t>(width));
   for (LONG c = 0; c < width; ++c) {
-    if (full[c]) {
-      ok[c] = 1;
-      continue;
-    }
+    // Jump to the next cell whose window holds an invalid cell.
+    const void* next = std::memchr(full + c, 0, static_cast<std::size_t>(width - c));
+    if (next == nullptr) break;
+    c = static_cast<LONG>(static_cast<const std::uint8_t*>(next) - full);
     ok[c] =
         CheckedDerivatives<I>(rows, mask, stride, static_cast<std::size_t>(row), c, &dx[c], &dy[c]);
     if (!ok[c]) dx[c] = dy[c] = 0;
@@ -408,9 +418,7 @@ HRESULT Compute(const void* in, const BYTE* inMask, LONG inType, LONG width, LON
           const std::uint8_t* v0 = cellValid.data() + static_cast<std::size_t>(r) * columns;
           const std::uint8_t* v1 = v0 + columns;
           const std::uint8_t* v2 = v1 + columns;
-          for (LONG c = 0; c < width; ++c)
-            full[c] = v0[c] & v0[c + 1] & v0[c + 2] & v1[c] & v1[c + 1] & v1[c + 2] & v2[c] &
-                      v2[c + 1] & v2[c + 2];
+          WholeWindows(v0, v1, v2, width, full.data());
           checked(in, inMask, width, r, full.data(), dx.data(), dy.data(), ok);
         }
       }
