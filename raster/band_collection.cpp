@@ -106,13 +106,6 @@ class BandCollection : public IRasterSource, public IBandCollection {
   std::vector<Element> elements_;
 };
 
-LONG BandCountOf(IRaster* raster) {
-  ComPtr<IRasterProps> props = ComPtr<IRaster>(raster).As<IRasterProps>();
-  LONG n = 0;
-  if (props) props->get_BandCount(&n);
-  return n;
-}
-
 }  // namespace
 
 HRESULT CreateBandCollection(const std::vector<BandReference>& bands, IRaster** raster) {

@@ -68,12 +68,6 @@ std::optional<Variant> OwnRasterProperty(IRaster* raster, std::u16string_view na
   return std::nullopt;
 }
 
-LONG BandCount(IRaster* raster) {
-  LONG n = 0;
-  if (auto props = ComPtr<IRaster>(raster).As<IRasterProps>()) props->get_BandCount(&n);
-  return n;
-}
-
 std::u16string Describe(double value) {
   std::string text = std::to_string(value);
   while (text.size() > 1 && text.back() == '0') text.pop_back();
@@ -92,7 +86,7 @@ std::optional<Variant> RasterKeyProperty(IRaster* raster, std::u16string_view na
   const bool low = EqualsNoCase(name, u"WavelengthMin");
   if (!low && !EqualsNoCase(name, u"WavelengthMax")) return std::nullopt;
   std::optional<double> result;
-  for (LONG b = 0, n = BandCount(raster); b < n; ++b) {
+  for (LONG b = 0, n = BandCountOf(raster); b < n; ++b) {
     const auto v = BandKeyProperty(raster, b, name);
     const auto d = v ? v->ToDouble() : std::nullopt;
     if (!d) continue;
@@ -120,7 +114,7 @@ HRESULT ComputeBandIndexes(IRaster* raster, const std::vector<std::u16string>* n
   indexes->clear();
   if (raster == nullptr) return E_INVALIDARG;
   return Guard([&]() -> HRESULT {
-    const LONG n = BandCount(raster);
+    const LONG n = BandCountOf(raster);
     auto missing = [&](const std::u16string& what) -> HRESULT {
       if (missingBandAction != 1) return S_OK;
       return ReportError(kBandNotFound, u"No band of the raster matches " + what + u".");

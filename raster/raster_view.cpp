@@ -141,6 +141,18 @@ HRESULT CreateDirectView(IRaster* raster, IRaster** view) {
   return CreateRaster(source.Get(), view);
 }
 
+LONG BandCountOf(IRaster* raster) {
+  LONG n = 0;
+  if (auto props = ComPtr<IRaster>(raster).As<IRasterProps>()) props->get_BandCount(&n);
+  return n;
+}
+
+LONG PixelTypeOf(IRaster* raster) {
+  LONG type = -1;
+  if (auto props = ComPtr<IRaster>(raster).As<IRasterProps>()) props->get_PixelType(&type);
+  return type;
+}
+
 RasterGrid GridOf(IRaster* raster) {
   RasterGrid g;
   ComPtr<IRasterProps> props = ComPtr<IRaster>(raster).As<IRasterProps>();

@@ -82,6 +82,9 @@ class Raster : public IRaster, public IRasterProps, public IRasterSource {
 
 // The grid of a raster (its extent and size); an empty grid for a raster without them.
 RasterGrid GridOf(IRaster* raster);
+// A raster's band count (0) and pixel type (-1 when it has no properties).
+LONG BandCountOf(IRaster* raster);
+LONG PixelTypeOf(IRaster* raster);
 
 // A view over every band of a source.
 HRESULT CreateRaster(IRasterSource* source, IRaster** raster);

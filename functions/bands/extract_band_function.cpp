@@ -3,6 +3,7 @@
 
 #include "raster/band_indexes.h"
 #include "raster/persist/class_registry.h"
+#include "raster/raster_view.h"
 #include "raster/values/arrays.h"
 #include "resources/string_table.h"
 
@@ -11,16 +12,6 @@ namespace pw::functions {
 PW_REGISTER_PERSIST_CLASS(ExtractBandFunction, ClassIdFromName("ExtractBandFunction"));
 PW_REGISTER_PERSIST_CLASS(ExtractBandFunctionArguments,
                           ClassIdFromName("ExtractBandFunctionArguments"));
-
-namespace {
-
-LONG BandCount(IRaster* raster) {
-  LONG n = 0;
-  if (auto props = ComPtr<IRaster>(raster).As<IRasterProps>()) props->get_BandCount(&n);
-  return n;
-}
-
-}  // namespace
 
 // --- arguments ---------------------------------------------------------------------------
 
@@ -165,7 +156,7 @@ HRESULT ExtractBandFunction::BindImpl(IRasterFunctionArguments* arguments) {
     }
   } else {
     // No selection at all keeps every band.
-    for (LONG b = 0, n = BandCount(input.Get()); b < n; ++b) indexes.push_back(b);
+    for (LONG b = 0, n = raster::BandCountOf(input.Get()); b < n; ++b) indexes.push_back(b);
   }
   std::vector<raster::BandReference> bands;
   for (LONG index : indexes) bands.push_back(raster::BandReference{input, index});

@@ -33,18 +33,6 @@ Variant Short(SHORT value) {
   return v;
 }
 
-LONG BandCount(IRaster* raster) {
-  LONG n = 0;
-  if (auto props = ComPtr<IRaster>(raster).As<IRasterProps>()) props->get_BandCount(&n);
-  return n;
-}
-
-LONG PixelTypeOf(IRaster* raster) {
-  LONG type = -1;
-  if (auto props = ComPtr<IRaster>(raster).As<IRasterProps>()) props->get_PixelType(&type);
-  return type;
-}
-
 // The smallest pixel type that holds every constant exactly: the integer codes from 1-bit
 // up to 32-bit signed, then 32-bit float, then 64-bit float.
 LONG ConstantPixelType(const std::vector<double>& constants) {
@@ -267,7 +255,7 @@ HRESULT ArithmeticFunction::BindImpl(IRasterFunctionArguments* arguments) {
   // Band matching: the operand with fewer bands repeats its bands up to the other's count.
   LONG bands[2];
   for (int k = 0; k < 2; ++k) {
-    bands[k] = BandCount(operands[k].Get());
+    bands[k] = raster::BandCountOf(operands[k].Get());
     if (bands[k] <= 0) {
       ReportError(raster::kNoBands,
                   res::Format(res::IDS_INPUT_HAS_NO_BANDS, std::u16string(TypeName()),
@@ -322,7 +310,8 @@ HRESULT ArithmeticFunction::BindImpl(IRasterFunctionArguments* arguments) {
   grid.ymin = grid.ymax - rows * cellY;
 
   // Pixel types: the common input type, promoted unless "AdjustPixelType" is false.
-  const LONG native[2] = {PixelTypeOf(operands[0].Get()), PixelTypeOf(operands[1].Get())};
+  const LONG native[2] = {raster::PixelTypeOf(operands[0].Get()),
+                          raster::PixelTypeOf(operands[1].Get())};
   commonType_ = std::max(native[0], native[1]);
   Variant adjust;
   args->GetProperty(Bstr(u"AdjustPixelType").Get(), &adjust);

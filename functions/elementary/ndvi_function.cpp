@@ -9,6 +9,7 @@
 #include "raster/persist/class_registry.h"
 #include "raster/pixel_block.h"
 #include "raster/pixel_traits.h"
+#include "raster/raster_view.h"
 #include "resources/raster_names.h"
 #include "resources/string_table.h"
 
@@ -23,12 +24,6 @@ namespace {
 // scaled index (0 to 200) as 8-bit unsigned.
 constexpr LONG kScientificOutputType = 9;
 constexpr LONG kScaledOutputType = 3;
-
-LONG BandCount(IRaster* raster) {
-  LONG n = 0;
-  if (auto props = ComPtr<IRaster>(raster).As<IRasterProps>()) props->get_BandCount(&n);
-  return n;
-}
 
 }  // namespace
 
@@ -138,7 +133,7 @@ HRESULT NDVIFunction::BindImpl(IRasterFunctionArguments* arguments) {
       if (auto index = own->ToInt32()) args->PutLong(name, *index);
     }
   }
-  const LONG n = BandCount(input.Get());
+  const LONG n = raster::BandCountOf(input.Get());
   if (!names && !wavelengths && action == 0) {
     const LONG visible = args->GetLong(u"VisibleBandID", -1);
     const LONG infrared = args->GetLong(u"InfraredBandID", -1);
