@@ -37,15 +37,10 @@ constexpr double kEarthRadius = 6378137.0;
 // Rational approximation after range reduction (the Cephes scheme), within an ulp or two
 // of the C library's over the whole range; selects instead of branches.
 
-PW_ALWAYS_INLINE double Atan(double x) {
-  constexpr double kTan3Pi8 = 2.41421356237309504880, kMoreBits = 6.123233995736765886130e-17;
-  const double ax = std::fabs(x);
-  const bool big = ax > kTan3Pi8, mid = ax > 0.66;
-  const double num = big ? -1.0 : (mid ? ax - 1.0 : ax);
-  const double den = big ? ax : (mid ? ax + 1.0 : 1.0);
+// The arctangent of num / den after the range reduction, plus base (and the low bits of
+// base in extra).
+PW_ALWAYS_INLINE double AtanReduced(double num, double den, double base, double extra) {
   const double r = num / den;
-  const double base = big ? kPi / 2 : (mid ? kPi / 4 : 0.0);
-  const double extra = big ? kMoreBits : (mid ? 0.5 * kMoreBits : 0.0);
   const double z = r * r;
   const double p = (((-8.750608600031904122785e-1 * z - 1.615753718733365076637e1) * z -
                      7.500855792314704667340e1) *
@@ -59,7 +54,20 @@ PW_ALWAYS_INLINE double Atan(double x) {
                     4.853903996359136964868e2) *
                        z +
                    1.945506571482613964425e2;
-  const double y = base + (r * (z * p / q) + r + extra);
+  return base + (r * (z * p / q) + r + extra);
+}
+
+constexpr double kMoreBits = 6.123233995736765886130e-17;  // pi/2 - (double) pi/2
+
+PW_ALWAYS_INLINE double Atan(double x) {
+  constexpr double kTan3Pi8 = 2.41421356237309504880;
+  const double ax = std::fabs(x);
+  const bool big = ax > kTan3Pi8, mid = ax > 0.66;
+  const double num = big ? -1.0 : (mid ? ax - 1.0 : ax);
+  const double den = big ? ax : (mid ? ax + 1.0 : 1.0);
+  const double base = big ? kPi / 2 : (mid ? kPi / 4 : 0.0);
+  const double extra = big ? kMoreBits : (mid ? 0.5 * kMoreBits : 0.0);
+  const double y = AtanReduced(num, den, base, extra);
   return x < 0 ? -y : y;
 }
 
@@ -82,9 +90,14 @@ PW_ALWAYS_INLINE float AtanF(float x) {
 }
 
 PW_ALWAYS_INLINE double Atan2(double y, double x) {
+  // The reduction straight from the two magnitudes: lo / hi, or (lo - hi) / (lo + hi)
+  // above 0.66, one division in all.
   const double ax = std::fabs(x), ay = std::fabs(y);
   const double hi = std::max(ax, ay), lo = std::min(ax, ay);
-  double a = Atan(lo / (hi == 0 ? 1.0 : hi));
+  const bool mid = lo > 0.66 * hi;
+  const double num = mid ? lo - hi : lo;
+  const double den = mid ? lo + hi : (hi == 0 ? 1.0 : hi);
+  double a = AtanReduced(num, den, mid ? kPi / 4 : 0.0, mid ? 0.5 * kMoreBits : 0.0);
   a = ay > ax ? kPi / 2 - a : a;
   a = x < 0 ? kPi - a : a;
   return y < 0 ? -a : a;
