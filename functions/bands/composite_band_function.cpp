@@ -23,7 +23,7 @@ HRESULT CompositeBandFunctionArguments::put_Rasters(VARIANT value) {
 HRESULT CompositeBandFunctionArguments::Resolve(IRow* row, IPropertySet* properties) {
   return Guard([&]() -> HRESULT {
     framework::ResolveAndUpdate_ValueTypeDatasets(this, Bstr(u"Rasters").Get(), row, properties);
-    return BasicFunctionArguments::Resolve(row, properties);
+    return S_OK;
   });
 }
 

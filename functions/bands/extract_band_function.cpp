@@ -86,7 +86,7 @@ HRESULT ExtractBandFunctionArguments::Resolve(IRow* row, IPropertySet* propertie
     ResolveAndUpdate_ValueTypeLong(this, Bstr(u"MissingBandAction").Get(), row, properties);
     ResolveAndUpdate_ValueTypeDouble(this, Bstr(u"WavelengthMatchTolerance").Get(), row,
                                      properties);
-    return BasicFunctionArguments::Resolve(row, properties);
+    return S_OK;
   });
 }
 

@@ -136,8 +136,7 @@ HRESULT ArithmeticFunctionArguments::Resolve(IRow* row, IPropertySet* properties
     }
     for (std::u16string_view name : {u"Operation", u"ExtentType", u"CellsizeType"})
       ResolveAndUpdate_ValueTypeLong(this, Bstr(name).Get(), row, properties);
-    // Whatever else refers to the row or the property set.
-    return BasicFunctionArguments::Resolve(row, properties);
+    return S_OK;
   });
 }
 

@@ -90,7 +90,7 @@ HRESULT HillshadeFunctionArguments::Resolve(IRow* row, IPropertySet* properties)
       ResolveAndUpdate_ValueTypeDouble(this, Bstr(name).Get(), row, properties);
     for (std::u16string_view name : {u"SlopeType", u"HillshadeType"})
       ResolveAndUpdate_ValueTypeLong(this, Bstr(name).Get(), row, properties);
-    return BasicFunctionArguments::Resolve(row, properties);
+    return S_OK;
   });
 }
 

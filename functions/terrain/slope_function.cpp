@@ -71,7 +71,7 @@ HRESULT SlopeFunctionArguments::Resolve(IRow* row, IPropertySet* properties) {
       ResolveAndUpdate_ValueTypeDouble(this, Bstr(name).Get(), row, properties);
     ResolveAndUpdate_ValueTypeLong(this, Bstr(u"SlopeType").Get(), row, properties);
     ResolveAndUpdate_ValueTypeBoolean(this, Bstr(u"RemoveEdgeEffect").Get(), row, properties);
-    return BasicFunctionArguments::Resolve(row, properties);
+    return S_OK;
   });
 }
 
