@@ -13,6 +13,7 @@
 #include <cstdint>
 #include <cstring>
 #include <limits>
+#include <memory>
 #include <thread>
 #include <type_traits>
 #include <vector>
@@ -192,36 +193,41 @@ PW_ALWAYS_INLINE void FormulaBody(const double* __restrict dx, const double* __r
   }
 }
 
-// Derivatives of a row whose window cells are all valid.
+// Derivatives of a row whose window cells are all valid. The column sums top + 2 mid +
+// bottom are formed once per column (`columns` holds width + 2 of them) and serve dz/dx of
+// two cells; the association is the definition's, so the values are the same.
 template <class I>
 PW_ALWAYS_INLINE void DerivativesBody(const I* __restrict top, const I* __restrict mid,
                                       const I* __restrict bottom, LONG width, double* __restrict dx,
-                                      double* __restrict dy) {
+                                      double* __restrict dy, double* __restrict columns) {
+  for (LONG c = 0; c < width + 2; ++c)
+    columns[c] = (static_cast<double>(top[c]) + 2 * static_cast<double>(mid[c])) +
+                 static_cast<double>(bottom[c]);
   for (LONG c = 0; c < width; ++c) {
-    const double a = static_cast<double>(top[c]), b = static_cast<double>(top[c + 1]),
-                 cc = static_cast<double>(top[c + 2]);
-    const double d = static_cast<double>(mid[c]), f = static_cast<double>(mid[c + 2]);
-    const double g = static_cast<double>(bottom[c]), h = static_cast<double>(bottom[c + 1]),
-                 i = static_cast<double>(bottom[c + 2]);
-    dx[c] = (cc + 2 * f + i) - (a + 2 * d + g);
-    dy[c] = (g + 2 * h + i) - (a + 2 * b + cc);
+    const double upper = (static_cast<double>(top[c]) + 2 * static_cast<double>(top[c + 1])) +
+                         static_cast<double>(top[c + 2]);
+    const double lower = (static_cast<double>(bottom[c]) + 2 * static_cast<double>(bottom[c + 1])) +
+                         static_cast<double>(bottom[c + 2]);
+    dx[c] = columns[c + 2] - columns[c];
+    dy[c] = lower - upper;
   }
 }
 
 using FormulaFn = void (*)(const double*, const double*, LONG, LONG, const Params&, void*);
-using DerivativesFn = void (*)(const void*, const void*, const void*, LONG, double*, double*);
+using DerivativesFn = void (*)(const void*, const void*, const void*, LONG, double*, double*,
+                               double*);
 
-#define PW_TERRAIN_WRAPPERS(Suffix, Target)                                             \
-  template <Surface kSurface, class O>                                                  \
-  Target void Formula##Suffix(const double* dx, const double* dy, LONG width, LONG row, \
-                              const Params& p, void* out) {                             \
-    FormulaBody<kSurface, O>(dx, dy, width, row, p, static_cast<O*>(out));              \
-  }                                                                                     \
-  template <class I>                                                                    \
-  Target void Derivatives##Suffix(const void* top, const void* mid, const void* bottom, \
-                                  LONG width, double* dx, double* dy) {                 \
-    DerivativesBody<I>(static_cast<const I*>(top), static_cast<const I*>(mid),          \
-                       static_cast<const I*>(bottom), width, dx, dy);                   \
+#define PW_TERRAIN_WRAPPERS(Suffix, Target)                                              \
+  template <Surface kSurface, class O>                                                   \
+  Target void Formula##Suffix(const double* dx, const double* dy, LONG width, LONG row,  \
+                              const Params& p, void* out) {                              \
+    FormulaBody<kSurface, O>(dx, dy, width, row, p, static_cast<O*>(out));               \
+  }                                                                                      \
+  template <class I>                                                                     \
+  Target void Derivatives##Suffix(const void* top, const void* mid, const void* bottom,  \
+                                  LONG width, double* dx, double* dy, double* columns) { \
+    DerivativesBody<I>(static_cast<const I*>(top), static_cast<const I*>(mid),           \
+                       static_cast<const I*>(bottom), width, dx, dy, columns);           \
   }
 PW_TERRAIN_WRAPPERS(Baseline, )
 #if PW_SIMD_X86
@@ -395,7 +401,8 @@ HRESULT Compute(const void* in, const BYTE* inMask, LONG inType, LONG width, LON
   const bool allValid = raster::mask::AllValid(inMask, inCells);
   raster::mask::Fill(outMask, cells, true);
   // One validity byte a cell, written by the rows and folded into the mask afterwards.
-  std::vector<std::uint8_t> validity(allValid ? 0 : cells);
+  // Written in full before they are read: no zeroing.
+  const std::unique_ptr<std::uint8_t[]> validity(new std::uint8_t[allValid ? 1 : cells]);
   const std::size_t inPixel = raster::PixelSize(inType), outPixel = raster::PixelSize(outType);
   const std::size_t stride = (static_cast<std::size_t>(width) + 2) * inPixel;
   const auto* inBytes = static_cast<const std::uint8_t*>(in);
@@ -404,31 +411,32 @@ HRESULT Compute(const void* in, const BYTE* inMask, LONG inType, LONG width, LON
   // With invalid pixels: each input cell's validity as a byte, so that a row finds the
   // windows that are wholly valid with a few byte operations.
   const std::size_t columns = static_cast<std::size_t>(width) + 2;
-  std::vector<std::uint8_t> cellValid(allValid ? 0 : inCells);
+  const std::unique_ptr<std::uint8_t[]> cellValid(new std::uint8_t[allValid ? 1 : inCells]);
   // Input rows without an invalid cell: windows over three of them need no checks.
   std::vector<std::uint8_t> rowValid(allValid ? 0 : static_cast<std::size_t>(height) + 2);
   if (!allValid) {
-    raster::mask::Unpack(inMask, inCells, cellValid.data());
+    raster::mask::Unpack(inMask, inCells, cellValid.get());
     for (std::size_t r = 0; r < rowValid.size(); ++r) {
-      const std::uint8_t* v = cellValid.data() + r * columns;
+      const std::uint8_t* v = cellValid.get() + r * columns;
       rowValid[r] = static_cast<std::uint8_t>(std::count(v, v + columns, std::uint8_t{0}) == 0);
     }
   }
 
   auto rows = [&](LONG first, LONG last) {
     std::vector<double> dx(static_cast<std::size_t>(width)), dy(static_cast<std::size_t>(width));
+    std::vector<double> sums(static_cast<std::size_t>(width) + 2);
     std::vector<std::uint8_t> full(allValid ? 0 : static_cast<std::size_t>(width));
     for (LONG r = first; r < last; ++r) {
       // The fast path for every cell; cells near invalid ones are then redone.
       const std::uint8_t* top = inBytes + static_cast<std::size_t>(r) * stride;
-      derivatives(top, top + stride, top + 2 * stride, width, dx.data(), dy.data());
+      derivatives(top, top + stride, top + 2 * stride, width, dx.data(), dy.data(), sums.data());
       if (!allValid) {
         std::uint8_t* ok =
-            validity.data() + static_cast<std::size_t>(r) * static_cast<std::size_t>(width);
+            validity.get() + static_cast<std::size_t>(r) * static_cast<std::size_t>(width);
         if (rowValid[r] & rowValid[r + 1] & rowValid[r + 2]) {
           std::memset(ok, 1, static_cast<std::size_t>(width));
         } else {
-          const std::uint8_t* v0 = cellValid.data() + static_cast<std::size_t>(r) * columns;
+          const std::uint8_t* v0 = cellValid.get() + static_cast<std::size_t>(r) * columns;
           const std::uint8_t* v1 = v0 + columns;
           const std::uint8_t* v2 = v1 + columns;
           WholeWindows(v0, v1, v2, width, full.data());
@@ -456,7 +464,7 @@ HRESULT Compute(const void* in, const BYTE* inMask, LONG inType, LONG width, LON
   (void)threads;
   rows(0, height);
 #endif
-  if (!allValid) raster::mask::ClearWhereZero(outMask, validity.data(), cells);
+  if (!allValid) raster::mask::ClearWhereZero(outMask, validity.get(), cells);
   return S_OK;
 }
 
