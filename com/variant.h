@@ -201,4 +201,22 @@ class Variant : public VARIANT {
   }
 };
 
+// Calls visit(const Variant&) with each element of a one-dimensional array variant, in
+// order; stops at the first failure. E_INVALIDARG for a value that is no such array.
+template <class Visit>
+HRESULT ForEachArrayElement(const VARIANT& array, Visit&& visit) {
+  if (!(array.vt & VT_ARRAY) || array.parray == nullptr || array.parray->cDims != 1)
+    return E_INVALIDARG;
+  const VARTYPE element = static_cast<VARTYPE>(array.vt & VT_TYPEMASK);
+  const SAFEARRAYBOUND& bound = array.parray->rgsabound[0];
+  for (ULONG i = 0; i < bound.cElements; ++i) {
+    Variant item;
+    HRESULT hr =
+        CopyArrayElement(array.parray, element, bound.lLbound + static_cast<LONG>(i), &item);
+    if (SUCCEEDED(hr)) hr = visit(static_cast<const Variant&>(item));
+    if (FAILED(hr)) return hr;
+  }
+  return S_OK;
+}
+
 }  // namespace pw

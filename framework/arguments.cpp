@@ -272,16 +272,12 @@ std::optional<std::vector<std::u16string>> BasicFunctionArguments::GetStringArra
   std::vector<std::u16string> out;
   if (v.vt == VT_BSTR) return std::vector<std::u16string>{*v.ToString()};
   if (v.vt & VT_ARRAY) {
-    if (v.parray == nullptr || v.parray->cDims != 1) return std::nullopt;
-    const VARTYPE element = static_cast<VARTYPE>(v.vt & VT_TYPEMASK);
-    for (ULONG i = 0; i < v.parray->rgsabound[0].cElements; ++i) {
-      Variant item;
-      if (FAILED(CopyArrayElement(v.parray, element,
-                                  v.parray->rgsabound[0].lLbound + static_cast<LONG>(i), &item)) ||
-          item.vt != VT_BSTR)
-        return std::nullopt;
+    const HRESULT hr = ForEachArrayElement(v, [&](const Variant& item) {
+      if (item.vt != VT_BSTR) return E_INVALIDARG;
       out.push_back(*item.ToString());
-    }
+      return S_OK;
+    });
+    if (FAILED(hr)) return std::nullopt;
     return out;
   }
   if (v.vt == VT_UNKNOWN && v.punkVal != nullptr) {
@@ -317,17 +313,13 @@ std::optional<std::vector<double>> BasicFunctionArguments::GetDoubleArray(
   const Variant v = Dereference(*found);
   std::vector<double> out;
   if (v.vt & VT_ARRAY) {
-    if (v.parray == nullptr || v.parray->cDims != 1) return std::nullopt;
-    const VARTYPE element = static_cast<VARTYPE>(v.vt & VT_TYPEMASK);
-    for (ULONG i = 0; i < v.parray->rgsabound[0].cElements; ++i) {
-      Variant item;
-      if (FAILED(CopyArrayElement(v.parray, element,
-                                  v.parray->rgsabound[0].lLbound + static_cast<LONG>(i), &item)))
-        return std::nullopt;
+    const HRESULT hr = ForEachArrayElement(v, [&](const Variant& item) {
       const auto d = item.ToDouble();
-      if (!d) return std::nullopt;
+      if (!d) return E_INVALIDARG;
       out.push_back(*d);
-    }
+      return S_OK;
+    });
+    if (FAILED(hr)) return std::nullopt;
     return out;
   }
   if (v.vt == VT_UNKNOWN && v.punkVal != nullptr) {

@@ -288,18 +288,13 @@ HRESULT BasicFunction::OpenRaster(IUnknown* input, bool firstBandOnly, IRaster**
 
 HRESULT BasicFunction::OpenRasters(const VARIANT& inputs, std::vector<ComPtr<IRaster>>* rasters) {
   rasters->clear();
-  if ((inputs.vt & VT_ARRAY) && inputs.parray != nullptr && inputs.parray->cDims == 1) {
-    const VARTYPE element = static_cast<VARTYPE>(inputs.vt & VT_TYPEMASK);
-    for (ULONG i = 0; i < inputs.parray->rgsabound[0].cElements; ++i) {
-      Variant item;
-      PW_RETURN_IF_FAILED(
-          CopyArrayElement(inputs.parray, element,
-                           inputs.parray->rgsabound[0].lLbound + static_cast<LONG>(i), &item));
+  if (inputs.vt & VT_ARRAY) {
+    return ForEachArrayElement(inputs, [&](const Variant& item) {
       ComPtr<IRaster> raster;
       PW_RETURN_IF_FAILED(Open(item, &raster));
       rasters->push_back(raster);
-    }
-    return S_OK;
+      return S_OK;
+    });
   }
   if (inputs.vt == VT_UNKNOWN && inputs.punkVal != nullptr) {
     ComPtr<IUnknown> object(inputs.punkVal);

@@ -25,11 +25,7 @@ class BandCollection : public IRasterSource, public IBandCollection {
   explicit BandCollection(const std::vector<BandReference>& bands) {
     if (bands.empty()) throw std::invalid_argument("band collection: no bands");
     for (std::size_t i = 0; i < bands.size(); ++i) {
-      // A plain view is read through its own source: one layer fewer, the same values.
-      auto* plain = dynamic_cast<Raster*>(bands[i].raster.Get());
-      ComPtr<IRasterSource> source = plain != nullptr && plain->PlainView()
-                                         ? plain->Source()
-                                         : bands[i].raster.As<IRasterSource>();
+      ComPtr<IRasterSource> source = ReadingSource(bands[i].raster.Get());
       SourceInfo info;
       if (!source || FAILED(source->GetInfo(&info)) || bands[i].band < 0 ||
           bands[i].band >= info.bandCount)

@@ -130,13 +130,16 @@ bool Raster::PlainView() const {
          reference_.Get() == sourceInfo_.reference.Get();
 }
 
+ComPtr<IRasterSource> ReadingSource(IRaster* raster) {
+  auto* plain = dynamic_cast<Raster*>(raster);
+  if (plain != nullptr && plain->PlainView()) return plain->Source();
+  return ComPtr<IRaster>(raster).As<IRasterSource>();
+}
+
 HRESULT CreateDirectView(IRaster* raster, IRaster** view) {
   PW_CHECK_POINTER(view);
   *view = nullptr;
-  if (raster == nullptr) return E_INVALIDARG;
-  auto* plain = dynamic_cast<Raster*>(raster);
-  if (plain != nullptr && plain->PlainView()) return CreateRaster(plain->Source().Get(), view);
-  ComPtr<IRasterSource> source = ComPtr<IRaster>(raster).As<IRasterSource>();
+  const ComPtr<IRasterSource> source = ReadingSource(raster);
   if (!source) return E_INVALIDARG;
   return CreateRaster(source.Get(), view);
 }
@@ -169,7 +172,7 @@ HRESULT CreateRasterOnGrid(IRaster* raster, const RasterGrid& grid, ISpatialRefe
                            LONG pixelType, IRaster** view) {
   PW_CHECK_POINTER(view);
   *view = nullptr;
-  ComPtr<IRasterSource> source = ComPtr<IRaster>(raster).As<IRasterSource>();
+  const ComPtr<IRasterSource> source = ReadingSource(raster);
   if (!source || !grid.Valid()) return E_INVALIDARG;
   return Guard([&]() -> HRESULT {
     auto result = MakeObject<Raster>(source.Get());

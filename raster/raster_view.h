@@ -89,12 +89,16 @@ LONG PixelTypeOf(IRaster* raster);
 // A view over every band of a source.
 HRESULT CreateRaster(IRasterSource* source, IRaster** raster);
 
-// A new view with the raster's grid, pixel type and reference that reads the raster's own
-// source when the raster is a plain view of it (one layer fewer), else reads the raster.
+// What a new view over `raster` reads: the raster's own source when the raster is a plain
+// view of it (one layer fewer, and a source that can reproject is asked directly), else the
+// raster itself.
+ComPtr<IRasterSource> ReadingSource(IRaster* raster);
+
+// A new view with the raster's grid, pixel type and reference over its reading source.
 HRESULT CreateDirectView(IRaster* raster, IRaster** view);
 
-// A view of `raster` on `grid`, in `reference` (null keeps the raster's) and `pixelType`,
-// resampled with the raster's own resampling code.
+// A view of `raster` (through its reading source) on `grid`, in `reference` (null keeps the
+// raster's) and `pixelType`, resampled with the raster's own resampling code.
 HRESULT CreateRasterOnGrid(IRaster* raster, const RasterGrid& grid, ISpatialReference* reference,
                            LONG pixelType, IRaster** view);
 

@@ -1,6 +1,7 @@
 // Helpers shared by the tests: temporary folders, environment overrides, file access.
 #pragma once
 
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -8,6 +9,7 @@
 #include <sstream>
 #include <string>
 
+#include <sys/wait.h>
 #include <unistd.h>
 
 namespace pw::test {
@@ -59,5 +61,26 @@ inline std::string ReadFile(const std::filesystem::path& path) {
 inline void WriteFile(const std::filesystem::path& path, const std::string& text) {
   std::ofstream(path, std::ios::binary) << text;
 }
+
+#ifdef PIXWERK_CLI
+struct CliResult {
+  int status;
+  std::string out;  // standard output and standard error together
+};
+
+// Runs the pixwerk command line with `arguments`.
+inline CliResult RunCli(const std::string& arguments) {
+  const std::string command = std::string(PIXWERK_CLI) + " " + arguments + " 2>&1";
+  CliResult r{-1, {}};
+  FILE* pipe = popen(command.c_str(), "r");
+  if (pipe == nullptr) return r;
+  char buffer[4096];
+  std::size_t n = 0;
+  while ((n = fread(buffer, 1, sizeof(buffer), pipe)) > 0) r.out.append(buffer, n);
+  const int status = pclose(pipe);
+  r.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  return r;
+}
+#endif
 
 }  // namespace pw::test

@@ -23,12 +23,6 @@ constexpr struct {
 
 // --- arguments ---------------------------------------------------------------------------
 
-HRESULT HillshadeFunctionArguments::get_DEM(VARIANT* value) {
-  return Has(u"DEM") ? GetNamedValue(u"DEM", value) : GetNamedValue(u"Raster", value);
-}
-HRESULT HillshadeFunctionArguments::put_DEM(VARIANT value) {
-  return PutNamedValue(u"DEM", value);
-}
 HRESULT HillshadeFunctionArguments::get_Azimuth(double* azimuth) {
   return HandOut(GetDouble(u"Azimuth", 315.0), azimuth);
 }
@@ -45,36 +39,6 @@ HRESULT HillshadeFunctionArguments::put_Altitude(double altitude) {
                        u"between -90 and 90 degrees.");
   return PutNamedValue(u"Altitude", Variant(altitude));
 }
-HRESULT HillshadeFunctionArguments::get_ZFactor(double* factor) {
-  return HandOut(GetDouble(u"ZFactor", 1.0), factor);
-}
-HRESULT HillshadeFunctionArguments::put_ZFactor(double factor) {
-  return PutNamedValue(u"ZFactor", Variant(factor));
-}
-HRESULT HillshadeFunctionArguments::get_SlopeType(LONG* type) {
-  return HandOut(GetLong(u"SlopeType", 1), type);
-}
-HRESULT HillshadeFunctionArguments::put_SlopeType(LONG type) {
-  return PutNamedValue(u"SlopeType", Variant(std::int32_t{type}));
-}
-HRESULT HillshadeFunctionArguments::get_PSPower(double* power) {
-  return HandOut(GetDouble(u"PSPower", 0.664), power);
-}
-HRESULT HillshadeFunctionArguments::put_PSPower(double power) {
-  return PutNamedValue(u"PSPower", Variant(power));
-}
-HRESULT HillshadeFunctionArguments::get_PSZFactor(double* factor) {
-  return HandOut(GetDouble(u"PSZFactor", 0.024), factor);
-}
-HRESULT HillshadeFunctionArguments::put_PSZFactor(double factor) {
-  return PutNamedValue(u"PSZFactor", Variant(factor));
-}
-HRESULT HillshadeFunctionArguments::get_RemoveEdgeEffect(VARIANT_BOOL* remove) {
-  return HandOut(GetBool(u"RemoveEdgeEffect", false) ? VARIANT_TRUE : VARIANT_FALSE, remove);
-}
-HRESULT HillshadeFunctionArguments::put_RemoveEdgeEffect(VARIANT_BOOL remove) {
-  return PutNamedValue(u"RemoveEdgeEffect", Variant(remove != VARIANT_FALSE));
-}
 HRESULT HillshadeFunctionArguments::get_HillshadeType(LONG* type) {
   return HandOut(GetLong(u"HillshadeType", 0), type);
 }
@@ -84,12 +48,10 @@ HRESULT HillshadeFunctionArguments::put_HillshadeType(LONG type) {
 
 HRESULT HillshadeFunctionArguments::Resolve(IRow* row, IPropertySet* properties) {
   return Guard([&]() -> HRESULT {
-    using namespace framework;
-    ResolveAndUpdate_ValueTypeDataset(this, Bstr(u"DEM").Get(), row, properties);
-    for (std::u16string_view name : {u"Azimuth", u"ZFactor", u"Altitude", u"PSZFactor", u"PSPower"})
-      ResolveAndUpdate_ValueTypeDouble(this, Bstr(name).Get(), row, properties);
-    for (std::u16string_view name : {u"SlopeType", u"HillshadeType"})
-      ResolveAndUpdate_ValueTypeLong(this, Bstr(name).Get(), row, properties);
+    ResolveElevation(row, properties);
+    for (std::u16string_view name : {u"Azimuth", u"Altitude"})
+      framework::ResolveAndUpdate_ValueTypeDouble(this, Bstr(name).Get(), row, properties);
+    framework::ResolveAndUpdate_ValueTypeLong(this, Bstr(u"HillshadeType").Get(), row, properties);
     return S_OK;
   });
 }

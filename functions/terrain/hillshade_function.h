@@ -4,7 +4,7 @@
 
 #include <string_view>
 
-#include "framework/arguments.h"
+#include "functions/terrain/terrain_arguments.h"
 #include "functions/terrain/terrain_function.h"
 
 PW_INTERFACE(IHillshadeFunctionArguments, IUnknown) {
@@ -35,29 +35,14 @@ PW_INTERFACE(IHillshadeFunctionArguments, IUnknown) {
 
 namespace pw::functions {
 
-class HillshadeFunctionArguments : public framework::BasicFunctionArguments,
-                                   public IHillshadeFunctionArguments {
+class HillshadeFunctionArguments : public TerrainArguments<IHillshadeFunctionArguments> {
  public:
-  using Interfaces = ConcatInterfacesT<framework::BasicFunctionArguments::Interfaces,
-                                       InterfaceList<IHillshadeFunctionArguments>>;
   static constexpr std::string_view kTypeName = "HillshadeFunctionArguments";
 
-  HRESULT STDMETHODCALLTYPE get_DEM(VARIANT* value) override;
-  HRESULT STDMETHODCALLTYPE put_DEM(VARIANT value) override;
   HRESULT STDMETHODCALLTYPE get_Azimuth(double* azimuth) override;
   HRESULT STDMETHODCALLTYPE put_Azimuth(double azimuth) override;
   HRESULT STDMETHODCALLTYPE get_Altitude(double* altitude) override;
   HRESULT STDMETHODCALLTYPE put_Altitude(double altitude) override;
-  HRESULT STDMETHODCALLTYPE get_ZFactor(double* factor) override;
-  HRESULT STDMETHODCALLTYPE put_ZFactor(double factor) override;
-  HRESULT STDMETHODCALLTYPE get_SlopeType(LONG* type) override;
-  HRESULT STDMETHODCALLTYPE put_SlopeType(LONG type) override;
-  HRESULT STDMETHODCALLTYPE get_PSPower(double* power) override;
-  HRESULT STDMETHODCALLTYPE put_PSPower(double power) override;
-  HRESULT STDMETHODCALLTYPE get_PSZFactor(double* factor) override;
-  HRESULT STDMETHODCALLTYPE put_PSZFactor(double factor) override;
-  HRESULT STDMETHODCALLTYPE get_RemoveEdgeEffect(VARIANT_BOOL* remove) override;
-  HRESULT STDMETHODCALLTYPE put_RemoveEdgeEffect(VARIANT_BOOL remove) override;
   HRESULT STDMETHODCALLTYPE get_HillshadeType(LONG* type) override;
   HRESULT STDMETHODCALLTYPE put_HillshadeType(LONG type) override;
   HRESULT STDMETHODCALLTYPE Resolve(IRow* row, IPropertySet* properties) override;

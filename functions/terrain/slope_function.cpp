@@ -14,42 +14,6 @@ PW_REGISTER_PERSIST_CLASS(SlopeFunctionArguments, ClassIdFromName("SlopeFunction
 
 // --- arguments ---------------------------------------------------------------------------
 
-HRESULT SlopeFunctionArguments::get_DEM(VARIANT* value) {
-  return Has(u"DEM") ? GetNamedValue(u"DEM", value) : GetNamedValue(u"Raster", value);
-}
-HRESULT SlopeFunctionArguments::put_DEM(VARIANT value) {
-  return PutNamedValue(u"DEM", value);
-}
-HRESULT SlopeFunctionArguments::get_ZFactor(double* factor) {
-  return HandOut(GetDouble(u"ZFactor", 1.0), factor);
-}
-HRESULT SlopeFunctionArguments::put_ZFactor(double factor) {
-  return PutNamedValue(u"ZFactor", Variant(factor));
-}
-HRESULT SlopeFunctionArguments::get_SlopeType(LONG* type) {
-  return HandOut(GetLong(u"SlopeType", 1), type);
-}
-HRESULT SlopeFunctionArguments::put_SlopeType(LONG type) {
-  return PutNamedValue(u"SlopeType", Variant(std::int32_t{type}));
-}
-HRESULT SlopeFunctionArguments::get_PSPower(double* power) {
-  return HandOut(GetDouble(u"PSPower", 0.664), power);
-}
-HRESULT SlopeFunctionArguments::put_PSPower(double power) {
-  return PutNamedValue(u"PSPower", Variant(power));
-}
-HRESULT SlopeFunctionArguments::get_PSZFactor(double* factor) {
-  return HandOut(GetDouble(u"PSZFactor", 0.024), factor);
-}
-HRESULT SlopeFunctionArguments::put_PSZFactor(double factor) {
-  return PutNamedValue(u"PSZFactor", Variant(factor));
-}
-HRESULT SlopeFunctionArguments::get_RemoveEdgeEffect(VARIANT_BOOL* remove) {
-  return HandOut(GetBool(u"RemoveEdgeEffect", false) ? VARIANT_TRUE : VARIANT_FALSE, remove);
-}
-HRESULT SlopeFunctionArguments::put_RemoveEdgeEffect(VARIANT_BOOL remove) {
-  return PutNamedValue(u"RemoveEdgeEffect", Variant(remove != VARIANT_FALSE));
-}
 HRESULT SlopeFunctionArguments::get_AnalysisTargetDevice(LONG* device) {
   return HandOut(GetLong(u"AnalysisTargetDevice", 1), device);
 }
@@ -65,12 +29,9 @@ HRESULT SlopeFunctionArguments::put_DeviceId(LONG id) {
 
 HRESULT SlopeFunctionArguments::Resolve(IRow* row, IPropertySet* properties) {
   return Guard([&]() -> HRESULT {
-    using namespace framework;
-    ResolveAndUpdate_ValueTypeDataset(this, Bstr(u"DEM").Get(), row, properties);
-    for (std::u16string_view name : {u"ZFactor", u"PSZFactor", u"PSPower"})
-      ResolveAndUpdate_ValueTypeDouble(this, Bstr(name).Get(), row, properties);
-    ResolveAndUpdate_ValueTypeLong(this, Bstr(u"SlopeType").Get(), row, properties);
-    ResolveAndUpdate_ValueTypeBoolean(this, Bstr(u"RemoveEdgeEffect").Get(), row, properties);
+    ResolveElevation(row, properties);
+    framework::ResolveAndUpdate_ValueTypeBoolean(this, Bstr(u"RemoveEdgeEffect").Get(), row,
+                                                 properties);
     return S_OK;
   });
 }

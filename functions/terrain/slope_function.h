@@ -4,7 +4,7 @@
 
 #include <string_view>
 
-#include "framework/arguments.h"
+#include "functions/terrain/terrain_arguments.h"
 #include "functions/terrain/terrain_function.h"
 
 PW_INTERFACE(ISlopeFunctionArguments, IUnknown) {
@@ -30,25 +30,10 @@ PW_INTERFACE(ISlopeFunctionArguments, IUnknown) {
 
 namespace pw::functions {
 
-class SlopeFunctionArguments : public framework::BasicFunctionArguments,
-                               public ISlopeFunctionArguments {
+class SlopeFunctionArguments : public TerrainArguments<ISlopeFunctionArguments> {
  public:
-  using Interfaces = ConcatInterfacesT<framework::BasicFunctionArguments::Interfaces,
-                                       InterfaceList<ISlopeFunctionArguments>>;
   static constexpr std::string_view kTypeName = "SlopeFunctionArguments";
 
-  HRESULT STDMETHODCALLTYPE get_DEM(VARIANT* value) override;
-  HRESULT STDMETHODCALLTYPE put_DEM(VARIANT value) override;
-  HRESULT STDMETHODCALLTYPE get_ZFactor(double* factor) override;
-  HRESULT STDMETHODCALLTYPE put_ZFactor(double factor) override;
-  HRESULT STDMETHODCALLTYPE get_SlopeType(LONG* type) override;
-  HRESULT STDMETHODCALLTYPE put_SlopeType(LONG type) override;
-  HRESULT STDMETHODCALLTYPE get_PSPower(double* power) override;
-  HRESULT STDMETHODCALLTYPE put_PSPower(double power) override;
-  HRESULT STDMETHODCALLTYPE get_PSZFactor(double* factor) override;
-  HRESULT STDMETHODCALLTYPE put_PSZFactor(double factor) override;
-  HRESULT STDMETHODCALLTYPE get_RemoveEdgeEffect(VARIANT_BOOL* remove) override;
-  HRESULT STDMETHODCALLTYPE put_RemoveEdgeEffect(VARIANT_BOOL remove) override;
   HRESULT STDMETHODCALLTYPE get_AnalysisTargetDevice(LONG* device) override;
   HRESULT STDMETHODCALLTYPE put_AnalysisTargetDevice(LONG device) override;
   HRESULT STDMETHODCALLTYPE get_DeviceId(LONG* id) override;

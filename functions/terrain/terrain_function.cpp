@@ -4,7 +4,6 @@
 #include <cstring>
 #include "raster/algorithms/grown_window.h"
 
-#include "raster/band_collection.h"
 #include "raster/mask.h"
 #include "raster/pixel_block.h"
 #include "raster/raster_view.h"

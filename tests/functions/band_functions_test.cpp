@@ -36,23 +36,23 @@ struct Bands {
   std::vector<std::pair<std::u16string, LONG>> rasterProperties;
 };
 
-ComPtr<IRaster> Multiband(const Bands& spec, LONG type = 5) {
+ComPtr<IRaster> Multiband(const Bands& wanted, LONG type = 5) {
   ObjectPtr<raster::MemoryDataset> dataset;
   ComPtr<IRaster> raster = test::MemoryRaster(
-      Row(1), spec.count, type, [](LONG b, LONG, LONG) { return 10.0 * (b + 1); },
+      Row(1), wanted.count, type, [](LONG b, LONG, LONG) { return 10.0 * (b + 1); },
       std::addressof(dataset));
-  for (std::size_t b = 0; b < spec.names.size(); ++b) {
+  for (std::size_t b = 0; b < wanted.names.size(); ++b) {
     ComPtr<IPropertySet> properties;
     dataset->Band(static_cast<LONG>(b)).get_Properties(&properties);
-    properties->SetProperty(Bstr(u"BandName").Get(), Variant(spec.names[b]));
+    properties->SetProperty(Bstr(u"BandName").Get(), Variant(wanted.names[b]));
   }
-  for (std::size_t b = 0; b < spec.wavelengths.size(); ++b) {
+  for (std::size_t b = 0; b < wanted.wavelengths.size(); ++b) {
     ComPtr<IPropertySet> properties;
     dataset->Band(static_cast<LONG>(b)).get_Properties(&properties);
-    properties->SetProperty(Bstr(u"WavelengthMin").Get(), Variant(spec.wavelengths[b].first));
-    properties->SetProperty(Bstr(u"WavelengthMax").Get(), Variant(spec.wavelengths[b].second));
+    properties->SetProperty(Bstr(u"WavelengthMin").Get(), Variant(wanted.wavelengths[b].first));
+    properties->SetProperty(Bstr(u"WavelengthMax").Get(), Variant(wanted.wavelengths[b].second));
   }
-  for (const auto& [name, value] : spec.rasterProperties)
+  for (const auto& [name, value] : wanted.rasterProperties)
     dataset->Properties()->SetProperty(Bstr(name).Get(), Variant(std::int32_t{value}));
   return raster;
 }
@@ -238,16 +238,6 @@ TEST(NdviFunction, InvalidRedOrInfraredLeavesThePixelUnwritten) {
   EXPECT_EQ(out.At(0, 2), 100);
 }
 
-// Every instruction set this processor runs.
-std::vector<raster::simd::Isa> Isas() {
-  std::vector<raster::simd::Isa> isas{raster::simd::Isa::kBaseline};
-  if (raster::simd::Best() != raster::simd::Isa::kBaseline)
-    isas.push_back(raster::simd::Isa::kAvx2);
-  if (raster::simd::Best() == raster::simd::Isa::kAvx512)
-    isas.push_back(raster::simd::Isa::kAvx512);
-  return isas;
-}
-
 TEST(NdviKernels, EqualTheReferenceForEveryTypePairAndInstructionSet) {
   std::mt19937 random(5);
   constexpr std::size_t n = 200;
@@ -285,7 +275,7 @@ TEST(NdviKernels, EqualTheReferenceForEveryTypePairAndInstructionSet) {
           const std::vector<std::uint8_t> before = mask;
           const std::size_t size = raster::PixelSize(out);
           std::vector<std::uint8_t> result(n * size, 0x5A);
-          for (auto isa : Isas()) {
+          for (auto isa : test::Isas()) {
             std::fill(result.begin(), result.end(), std::uint8_t{0x5A});
             ndvi::Kernel kernel = ndvi::SelectKernel(in, out, scientific, isa);
             ASSERT_NE(kernel, nullptr);

@@ -202,15 +202,6 @@ TEST_F(FunctionFiles, NdviChoosesBandsOfAFourBandFileEachWay) {
   }
 }
 
-int RunCli(const std::string& arguments, std::string* output) {
-  const std::string command = std::string(PIXWERK_CLI) + " " + arguments + " 2>&1";
-  FILE* pipe = ::popen(command.c_str(), "r");
-  char buffer[512];
-  while (pipe && std::fgets(buffer, sizeof buffer, pipe)) *output += buffer;
-  const int status = pipe ? ::pclose(pipe) : -1;
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
-
 std::vector<double> ReadBand(const std::string& path, int band, int* bands = nullptr) {
   GDALDatasetH ds = GDALOpen(path.c_str(), GA_ReadOnly);
   EXPECT_NE(ds, nullptr) << path;
@@ -263,8 +254,8 @@ TEST_F(FunctionFiles, ChainsRunFromTheCommandLine) {
     const std::string chain = (dir_ / ("chain" + std::to_string(n) + ".json")).string();
     const std::string out = (dir_ / ("out" + std::to_string(n++) + ".tif")).string();
     test::WriteFile(chain, c.chain);
-    std::string log;
-    ASSERT_EQ(RunCli("run " + chain + " -o " + out + " --quiet", &log), 0) << c.chain << log;
+    const test::CliResult run = test::RunCli("run " + chain + " -o " + out + " --quiet");
+    ASSERT_EQ(run.status, 0) << c.chain << run.out;
     int bands = 0;
     ReadBand(out, 1, &bands);
     ASSERT_EQ(bands, c.bands) << c.chain;
@@ -391,8 +382,8 @@ TEST_F(FunctionFiles, TerrainChainsRunOnProjectedAndGeographicFiles) {
     const std::string chain = (dir_ / ("terrain" + std::to_string(n) + ".json")).string();
     const std::string out = (dir_ / ("terrain" + std::to_string(n++) + ".tif")).string();
     test::WriteFile(chain, c.chain);
-    std::string log;
-    ASSERT_EQ(RunCli("run " + chain + " -o " + out + " --quiet", &log), 0) << c.chain << log;
+    const test::CliResult run = test::RunCli("run " + chain + " -o " + out + " --quiet");
+    ASSERT_EQ(run.status, 0) << c.chain << run.out;
     const std::vector<double> values = ReadBand(out, 1);
     EXPECT_NEAR(values[10 * 20 + 10], c.expected, 1e-4) << c.chain;
   }

@@ -9,6 +9,7 @@
 
 #include "com/errorinfo.h"
 #include "framework/function_raster.h"
+#include "raster/algorithms/simd_dispatch.h"
 #include "raster/memory_dataset.h"
 #include "raster/pixel_block.h"
 #include "raster/values/geometry.h"
@@ -76,6 +77,16 @@ inline Output ReadOutput(IRasterFunction* function, LONG column = 0, LONG row = 
   origin->PutCoords(column, row);
   EXPECT_EQ(function->Read(origin.As<IPnt>().Get(), nullptr, out.block.Get()), S_OK);
   return out;
+}
+
+// Every instruction set this processor runs, for checking each kernel variant.
+inline std::vector<raster::simd::Isa> Isas() {
+  std::vector<raster::simd::Isa> isas{raster::simd::Isa::kBaseline};
+  if (raster::simd::Best() != raster::simd::Isa::kBaseline)
+    isas.push_back(raster::simd::Isa::kAvx2);
+  if (raster::simd::Best() == raster::simd::Isa::kAvx512)
+    isas.push_back(raster::simd::Isa::kAvx512);
+  return isas;
 }
 
 // The chained error text of the last failure on this thread.

@@ -106,16 +106,19 @@ Variant Long(LONG v) {
 const Surface kEastward{5, 5, 1, [](LONG c, LONG) { return double(c); }};
 const Surface kFlat{5, 5, 1, [](LONG, LONG) { return 100.0; }};
 
+// A surface, the function's named values and output type, and the centre cell's value.
+struct SurfaceCase {
+  const char* what;
+  Surface surface;
+  std::vector<std::pair<std::u16string, Variant>> values;
+  LONG pixelType;
+  double expected;
+};
+
 // --- slope -------------------------------------------------------------------------------
 
 TEST(SlopeFunction, PlanesGiveTheirSlopeInEveryType) {
-  const struct {
-    const char* what;
-    Surface surface;
-    std::vector<std::pair<std::u16string, Variant>> values;
-    LONG pixelType;
-    double expected;
-  } cases[] = {
+  const SurfaceCase cases[] = {
       {"degrees, float", kEastward, {}, -1, static_cast<float>(std::atan(1.0) * 57.29578)},
       {"degrees, 16-bit", kEastward, {}, 6, 45},
       {"degrees, 8-bit", kEastward, {}, 3, 45},
@@ -306,13 +309,7 @@ TEST(AspectFunction, DirectionsFlatCellsAndWraps) {
 // --- hillshade ---------------------------------------------------------------------------
 
 TEST(HillshadeFunction, LightsAndFactors) {
-  const struct {
-    const char* what;
-    Surface surface;
-    std::vector<std::pair<std::u16string, Variant>> values;
-    LONG pixelType;
-    double expected;
-  } cases[] = {
+  const SurfaceCase cases[] = {
       {"flat under the default sun", kFlat, {}, -1, 180},
       {"flat in float", kFlat, {}, 10, 255 * std::cos(45 / 57.29577951308232)},
       {"flat, multidirectional", kFlat, {{u"HillshadeType", Long(1)}}, -1, 228},
@@ -371,15 +368,6 @@ TEST(HillshadeFunction, LightsAndFactors) {
 
 // --- kernels against the reference -------------------------------------------------------
 
-std::vector<raster::simd::Isa> Isas() {
-  std::vector<raster::simd::Isa> isas{raster::simd::Isa::kBaseline};
-  if (raster::simd::Best() != raster::simd::Isa::kBaseline)
-    isas.push_back(raster::simd::Isa::kAvx2);
-  if (raster::simd::Best() == raster::simd::Isa::kAvx512)
-    isas.push_back(raster::simd::Isa::kAvx512);
-  return isas;
-}
-
 // Distance in units of the last place of the output type. For 64-bit outputs the unit is
 // taken at no less than 360: angles come from 90 - atan2(...) x 57.29578 and similar
 // differences, where the last place of the arctangent is what stays meaningful.
@@ -426,7 +414,7 @@ TEST(TerrainKernels, EqualTheReferenceForEveryTypeAndInstructionSet) {
           ASSERT_EQ(terrain::ComputeReference(values.data(), mask.data(), inType, w, h,
                                               expected.data(), expectedMask.data(), outType, p),
                     S_OK);
-          for (auto isa : Isas()) {
+          for (auto isa : test::Isas()) {
             for (int threads : {1, 2}) {
               std::vector<std::uint8_t> got(n * size), gotMask(raster::mask::Bytes(n));
               ASSERT_EQ(terrain::Compute(values.data(), mask.data(), inType, w, h, got.data(),

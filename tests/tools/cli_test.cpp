@@ -11,23 +11,8 @@
 
 namespace {
 
-struct Result {
-  int status;
-  std::string out;  // standard output and standard error together
-};
-
-Result RunCli(const std::string& arguments) {
-  const std::string command = std::string(PIXWERK_CLI) + " " + arguments + " 2>&1";
-  Result r{-1, {}};
-  FILE* pipe = popen(command.c_str(), "r");
-  if (pipe == nullptr) return r;
-  char buffer[4096];
-  std::size_t n = 0;
-  while ((n = fread(buffer, 1, sizeof(buffer), pipe)) > 0) r.out.append(buffer, n);
-  const int status = pclose(pipe);
-  r.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  return r;
-}
+using pw::test::RunCli;
+using Result = pw::test::CliResult;
 
 TEST(Cli, ListsTheAdvertisedFunctionsWithDisplayNames) {
   const Result r = RunCli("functions");

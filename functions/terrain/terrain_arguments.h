@@ -1,0 +1,63 @@
+// The arguments that slope and hillshade share: the elevation ("DEM", else "Raster"), the
+// z-factor, the slope type with its power-scaled factor, and edge removal. `Itf` is the
+// function's typed accessor interface, which declares these accessors among its own.
+#pragma once
+
+#include "framework/arguments.h"
+
+namespace pw::functions {
+
+template <class Itf>
+class TerrainArguments : public framework::BasicFunctionArguments, public Itf {
+ public:
+  using Interfaces =
+      ConcatInterfacesT<framework::BasicFunctionArguments::Interfaces, InterfaceList<Itf>>;
+
+  HRESULT STDMETHODCALLTYPE get_DEM(VARIANT* value) override {
+    return Has(u"DEM") ? GetNamedValue(u"DEM", value) : GetNamedValue(u"Raster", value);
+  }
+  HRESULT STDMETHODCALLTYPE put_DEM(VARIANT value) override { return PutNamedValue(u"DEM", value); }
+  HRESULT STDMETHODCALLTYPE get_ZFactor(double* factor) override {
+    return HandOut(GetDouble(u"ZFactor", 1.0), factor);
+  }
+  HRESULT STDMETHODCALLTYPE put_ZFactor(double factor) override {
+    return PutNamedValue(u"ZFactor", Variant(factor));
+  }
+  HRESULT STDMETHODCALLTYPE get_SlopeType(LONG* type) override {
+    return HandOut(GetLong(u"SlopeType", 1), type);
+  }
+  HRESULT STDMETHODCALLTYPE put_SlopeType(LONG type) override {
+    return PutNamedValue(u"SlopeType", Variant(std::int32_t{type}));
+  }
+  HRESULT STDMETHODCALLTYPE get_PSPower(double* power) override {
+    return HandOut(GetDouble(u"PSPower", 0.664), power);
+  }
+  HRESULT STDMETHODCALLTYPE put_PSPower(double power) override {
+    return PutNamedValue(u"PSPower", Variant(power));
+  }
+  HRESULT STDMETHODCALLTYPE get_PSZFactor(double* factor) override {
+    return HandOut(GetDouble(u"PSZFactor", 0.024), factor);
+  }
+  HRESULT STDMETHODCALLTYPE put_PSZFactor(double factor) override {
+    return PutNamedValue(u"PSZFactor", Variant(factor));
+  }
+  HRESULT STDMETHODCALLTYPE get_RemoveEdgeEffect(VARIANT_BOOL* remove) override {
+    return HandOut(GetBool(u"RemoveEdgeEffect", false) ? VARIANT_TRUE : VARIANT_FALSE, remove);
+  }
+  HRESULT STDMETHODCALLTYPE put_RemoveEdgeEffect(VARIANT_BOOL remove) override {
+    return PutNamedValue(u"RemoveEdgeEffect", Variant(remove != VARIANT_FALSE));
+  }
+
+ protected:
+  // Template references of the shared values: "DEM" as a dataset, the factors as doubles,
+  // "SlopeType" as a long.
+  void ResolveElevation(IRow* row, IPropertySet* properties) {
+    using namespace framework;
+    ResolveAndUpdate_ValueTypeDataset(this, Bstr(u"DEM").Get(), row, properties);
+    for (std::u16string_view name : {u"ZFactor", u"PSZFactor", u"PSPower"})
+      ResolveAndUpdate_ValueTypeDouble(this, Bstr(name).Get(), row, properties);
+    ResolveAndUpdate_ValueTypeLong(this, Bstr(u"SlopeType").Get(), row, properties);
+  }
+};
+
+}  // namespace pw::functions
