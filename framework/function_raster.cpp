@@ -181,14 +181,22 @@ HRESULT FunctionRasterDataset::ReadWindow(LONG band, LONG column, LONG row, LONG
     return E_INVALIDARG;
   return Guard([&]() -> HRESULT {
     ComPtr<IPixelBlock> block;
-    PW_RETURN_IF_FAILED(
-        raster::CreatePixelBlock(width, height, info_.bandCount, info_.pixelType, &block));
+    // A one-band function reads straight into the caller's memory.
+    const bool direct = info_.bandCount == 1;
+    if (direct)
+      PW_RETURN_IF_FAILED(
+          raster::WrapPixelBlock(width, height, info_.pixelType, buffer, bits, &block));
+    else
+      PW_RETURN_IF_FAILED(
+          raster::CreatePixelBlock(width, height, info_.bandCount, info_.pixelType, &block));
     auto origin = MakeObject<raster::Pnt>();
     origin->PutCoords(column, row);
     PW_RETURN_IF_FAILED(function_->Read(origin.As<IPnt>().Get(), nullptr, block.Get()));
     const std::size_t n = static_cast<std::size_t>(width) * static_cast<std::size_t>(height);
-    std::memcpy(buffer, block->Buffer(band), n * raster::PixelSize(info_.pixelType));
-    std::memcpy(bits, block->Mask(band), raster::mask::Bytes(n));
+    if (!direct) {
+      std::memcpy(buffer, block->Buffer(band), n * raster::PixelSize(info_.pixelType));
+      std::memcpy(bits, block->Mask(band), raster::mask::Bytes(n));
+    }
     // Cells beyond the function's grid are not part of it.
     const bool inside = column >= 0 && row >= 0 && column + width <= info_.grid.columns &&
                         row + height <= info_.grid.rows;

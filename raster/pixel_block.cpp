@@ -1,6 +1,7 @@
 // Pixel blocks and type conversion.
 #include "raster/pixel_block.h"
 
+#include <algorithm>
 #include <cstring>
 #include <limits>
 #include <stdexcept>
@@ -9,25 +10,57 @@
 
 namespace pw::raster {
 
-PixelBlock::PixelBlock(LONG width, LONG height, LONG bands, LONG pixelType)
+PixelBlock::PixelBlock(LONG width, LONG height, LONG bands, LONG pixelType, bool filled)
     : width_(width), height_(height), pixelType_(pixelType) {
   if (width < 0 || height < 0 || bands < 0 || PixelSize(pixelType) == 0)
     throw std::invalid_argument("pixel block: negative size or unknown pixel type");
   const std::size_t pixels = static_cast<std::size_t>(width) * static_cast<std::size_t>(height);
-  buffers_.assign(static_cast<std::size_t>(bands),
-                  std::vector<std::uint8_t>(pixels * PixelSize(pixelType)));
-  masks_.assign(static_cast<std::size_t>(bands), std::vector<std::uint8_t>(mask::Bytes(pixels)));
-  for (auto& m : masks_) mask::Fill(m.data(), pixels, true);
+  const std::size_t bytes = pixels * PixelSize(pixelType);
+  for (LONG b = 0; b < bands; ++b) {
+    // Made without value-initialization: one pass over the memory when filled, none when not.
+    buffers_.emplace_back(new std::uint8_t[std::max<std::size_t>(bytes, 1)]);
+    masks_.emplace_back(new std::uint8_t[std::max<std::size_t>(mask::Bytes(pixels), 1)]);
+    if (filled) {
+      std::memset(buffers_.back().get(), 0, bytes);
+      mask::Fill(masks_.back().get(), pixels, true);
+    }
+  }
 }
+
+namespace {
+
+class BorrowedPixelBlock : public IPixelBlock {
+ public:
+  using Interfaces = InterfaceList<IPixelBlock>;
+  BorrowedPixelBlock(LONG width, LONG height, LONG pixelType, void* buffer, BYTE* mask)
+      : width_(width), height_(height), pixelType_(pixelType), buffer_(buffer), mask_(mask) {
+    const std::size_t pixels = static_cast<std::size_t>(width) * static_cast<std::size_t>(height);
+    std::memset(buffer, 0, pixels * PixelSize(pixelType));
+    mask::Fill(mask, pixels, true);
+  }
+  HRESULT STDMETHODCALLTYPE get_Width(LONG* width) override { return HandOut(width_, width); }
+  HRESULT STDMETHODCALLTYPE get_Height(LONG* height) override { return HandOut(height_, height); }
+  HRESULT STDMETHODCALLTYPE get_BandCount(LONG* count) override { return HandOut(1, count); }
+  HRESULT STDMETHODCALLTYPE get_PixelType(LONG* type) override { return HandOut(pixelType_, type); }
+  void* STDMETHODCALLTYPE Buffer(LONG band) override { return band == 0 ? buffer_ : nullptr; }
+  BYTE* STDMETHODCALLTYPE Mask(LONG band) override { return band == 0 ? mask_ : nullptr; }
+
+ private:
+  LONG width_, height_, pixelType_;
+  void* buffer_;
+  BYTE* mask_;
+};
+
+}  // namespace
 
 void* PixelBlock::Buffer(LONG band) {
   if (band < 0 || band >= static_cast<LONG>(buffers_.size())) return nullptr;
-  return buffers_[band].data();
+  return buffers_[band].get();
 }
 
 BYTE* PixelBlock::Mask(LONG band) {
   if (band < 0 || band >= static_cast<LONG>(masks_.size())) return nullptr;
-  return masks_[band].data();
+  return masks_[band].get();
 }
 
 HRESULT CreatePixelBlock(LONG width, LONG height, LONG bands, LONG pixelType, IPixelBlock** block) {
@@ -36,6 +69,29 @@ HRESULT CreatePixelBlock(LONG width, LONG height, LONG bands, LONG pixelType, IP
   if (width < 0 || height < 0 || bands < 0 || PixelSize(pixelType) == 0) return E_INVALIDARG;
   return Guard([&] {
     *block = MakeObject<PixelBlock>(width, height, bands, pixelType).Detach();
+    return S_OK;
+  });
+}
+
+HRESULT CreateUnfilledPixelBlock(LONG width, LONG height, LONG bands, LONG pixelType,
+                                 IPixelBlock** block) {
+  PW_CHECK_POINTER(block);
+  *block = nullptr;
+  if (width < 0 || height < 0 || bands < 0 || PixelSize(pixelType) == 0) return E_INVALIDARG;
+  return Guard([&] {
+    *block = MakeObject<PixelBlock>(width, height, bands, pixelType, false).Detach();
+    return S_OK;
+  });
+}
+
+HRESULT WrapPixelBlock(LONG width, LONG height, LONG pixelType, void* buffer, BYTE* mask,
+                       IPixelBlock** block) {
+  PW_CHECK_POINTER(block);
+  *block = nullptr;
+  if (width < 0 || height < 0 || PixelSize(pixelType) == 0 || buffer == nullptr || mask == nullptr)
+    return E_INVALIDARG;
+  return Guard([&] {
+    *block = MakeObject<BorrowedPixelBlock>(width, height, pixelType, buffer, mask).Detach();
     return S_OK;
   });
 }

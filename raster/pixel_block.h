@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <vector>
 
 #include "raster/model.h"
@@ -12,8 +13,9 @@ namespace pw::raster {
 class PixelBlock : public IPixelBlock {
  public:
   using Interfaces = InterfaceList<IPixelBlock>;
-  // Buffers start at 0 and every mask bit valid.
-  PixelBlock(LONG width, LONG height, LONG bands, LONG pixelType);
+  // Buffers start at 0 and every mask bit valid, unless `filled` is false: then both hold
+  // whatever the memory had, for a read that writes every pixel and bit.
+  PixelBlock(LONG width, LONG height, LONG bands, LONG pixelType, bool filled = true);
 
   HRESULT STDMETHODCALLTYPE get_Width(LONG* width) override { return HandOut(width_, width); }
   HRESULT STDMETHODCALLTYPE get_Height(LONG* height) override { return HandOut(height_, height); }
@@ -26,11 +28,22 @@ class PixelBlock : public IPixelBlock {
 
  private:
   LONG width_, height_, pixelType_;
-  std::vector<std::vector<std::uint8_t>> buffers_;
-  std::vector<std::vector<std::uint8_t>> masks_;
+  std::vector<std::unique_ptr<std::uint8_t[]>> buffers_;
+  std::vector<std::unique_ptr<std::uint8_t[]>> masks_;
 };
 
 HRESULT CreatePixelBlock(LONG width, LONG height, LONG bands, LONG pixelType, IPixelBlock** block);
+
+// A block whose values and mask are left as the memory had them: only for a read that writes
+// every pixel and bit (a raster's ReadAt does), where filling first would be wasted.
+HRESULT CreateUnfilledPixelBlock(LONG width, LONG height, LONG bands, LONG pixelType,
+                                 IPixelBlock** block);
+
+// A one-band block over the caller's memory (`buffer` of width x height pixels and its
+// mask), set to 0 and every bit valid like a new block, so that a read lands where the caller
+// wants it without a copy. The memory must outlive the block.
+HRESULT WrapPixelBlock(LONG width, LONG height, LONG pixelType, void* buffer, BYTE* mask,
+                       IPixelBlock** block);
 
 // The shape of a block, read once.
 struct BlockShape {

@@ -4,7 +4,8 @@
 # times, the speed ratios against gdaldem and each chain's time over the identity export.
 # Outputs: slope F32, aspect F32 (pixwerk's default 16-bit aspect is timed too), hillshade
 # 8-bit; both leave the border cells without a value.
-# Each time is the best of three runs.
+# Each time is the best of three runs, each writing a new file after a sync (replacing an
+# existing file costs its page cache and varies more than the work measured).
 # Usage: bench/peers/terrain_gdaldem.sh [SIZE]   (default 8192; build the release preset first)
 set -euo pipefail
 cd "$(dirname "$0")/../.."
@@ -26,9 +27,11 @@ chain aspect AspectFunction Raster "" ', "pixelType": "F32"'
 chain aspect16 AspectFunction Raster "" ""
 chain hillshade HillshadeFunction DEM "" ""
 
-seconds() {  # command...: the best of three runs, each after a sync
-  local start end best=""
+seconds() {  # output, command...: the best of three runs, each writing a new file after a sync
+  local out="$1" start end best=""
+  shift
   for _ in 1 2 3; do
+    rm -f "$out"
     sync
     start=$(date +%s.%N)
     "$@" > /dev/null 2>&1
@@ -39,15 +42,15 @@ seconds() {  # command...: the best of three runs, each after a sync
   echo "$best"
 }
 echo "terrain of a ${size} x ${size} Float32 GeoTIFF, $(nproc) cores"
-identity=$(seconds "$bin/pixwerk" run "$work/identity.json" -o "$work/identity.tif" --quiet)
+identity=$(seconds "$work/identity.tif" "$bin/pixwerk" run "$work/identity.json" -o "$work/identity.tif" --quiet)
 printf "%-10s pixwerk %6.2f s\n" identity "$identity"
 for job in slope aspect hillshade; do
-  peer=$(seconds gdaldem "$job" -q "$work/input.tif" "$work/peer_$job.tif")
-  ours=$(seconds "$bin/pixwerk" run "$work/$job.json" -o "$work/$job.tif" --quiet)
+  peer=$(seconds "$work/peer_$job.tif" gdaldem "$job" -q "$work/input.tif" "$work/peer_$job.tif")
+  ours=$(seconds "$work/$job.tif" "$bin/pixwerk" run "$work/$job.json" -o "$work/$job.tif" --quiet)
   printf "%-10s gdaldem %6.2f s   pixwerk %6.2f s   ratio %5.1fx   over identity %4.2fx\n" \
     "$job" "$peer" "$ours" "$(echo "$peer / $ours" | bc -l)" "$(echo "$ours / $identity" | bc -l)"
 done
-ours=$(seconds "$bin/pixwerk" run "$work/aspect16.json" -o "$work/aspect16.tif" --quiet)
+ours=$(seconds "$work/aspect16.tif" "$bin/pixwerk" run "$work/aspect16.json" -o "$work/aspect16.tif" --quiet)
 printf "%-10s                  pixwerk %6.2f s (16-bit output)   over identity %4.2fx\n" \
   aspect "$ours" "$(echo "$ours / $identity" | bc -l)"
 # The outputs agree with gdaldem's where both have values (Horn's method, z 1, the same

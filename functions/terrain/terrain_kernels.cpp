@@ -72,22 +72,23 @@ PW_ALWAYS_INLINE double Atan(double x) {
   return x < 0 ? -y : y;
 }
 
-// Single precision for 32-bit float outputs (the Cephes single-precision scheme): within
-// two units in the last place of a float.
-PW_ALWAYS_INLINE float AtanF(float x) {
-  const float ax = std::fabs(x);
-  const bool big = ax > 2.414213562373095f, mid = ax > 0.4142135623730950f;
-  const float num = big ? -1.0f : (mid ? ax - 1.0f : ax);
-  const float den = big ? ax : (mid ? ax + 1.0f : 1.0f);
-  const float r = num / den;
-  const float base = big ? 1.5707963267948966f : (mid ? 0.7853981633974483f : 0.0f);
-  const float z = r * r;
-  const float y =
-      base + ((((8.05374449538e-2f * z - 1.38776856032e-1f) * z + 1.99777106478e-1f) * z -
-               3.33329491539e-1f) *
-                  z * r +
-              r);
-  return x < 0 ? -y : y;
+// The arctangent of x >= 0 in single precision, for 32-bit float outputs: atan(q) of
+// q = min(x, 1) / max(x, 1) by a minimax polynomial on [0, 1] (relative error below 2e-8),
+// and pi/2 - atan(1 / x) above 1. Within two units in the last place of a float; one
+// division and one select, so the loop stays short.
+PW_ALWAYS_INLINE float AtanNonNegativeF(float x) {
+  const float q = std::min(x, 1.0f) / std::max(x, 1.0f);
+  const float z = q * q;
+  const float z2 = z * z, z4 = z2 * z2;
+  const float p = ((-3.3333152532577515e-1f + 1.9993773102760315e-1f * z) +
+                   z2 * (-1.4211052656173706e-1f + 1.0665992647409439e-1f * z)) +
+                  z4 * ((-7.552188634872437e-2f + 4.321155324578285e-2f * z) +
+                        z2 * (-1.636773720383644e-2f + 2.9206445906311274e-3f * z));
+  const float a = p * (z * q) + q;
+  constexpr float kHalfPi = 1.5707963267948966f;
+  constexpr float kHalfPiLow =
+      static_cast<float>(1.5707963267948966 - static_cast<double>(kHalfPi));
+  return x > 1.0f ? (kHalfPi - a) + kHalfPiLow : a;
 }
 
 PW_ALWAYS_INLINE double Atan2(double y, double x) {
@@ -121,16 +122,34 @@ PW_ALWAYS_INLINE O Store(double v) {
 
 // --- the formulas ----------------------------------------------------------------------
 
-template <Surface kSurface, class O>
-PW_ALWAYS_INLINE void FormulaBody(const double* __restrict dx, const double* __restrict dy,
-                                  LONG width, LONG row, const Params& p, O* __restrict out) {
+// Where a row's derivatives come from: arrays written by the checked path, or formed on the
+// fly from the column sums and the sums across of the upper and lower input rows (the fast
+// path, which so never stores them).
+struct StoredDerivatives {
+  const double* __restrict dx;
+  const double* __restrict dy;
+  PW_ALWAYS_INLINE double X(LONG c) const { return dx[c]; }
+  PW_ALWAYS_INLINE double Y(LONG c) const { return dy[c]; }
+};
+
+struct SummedDerivatives {
+  const double* __restrict columns;
+  const double* __restrict upper;
+  const double* __restrict lower;
+  PW_ALWAYS_INLINE double X(LONG c) const { return columns[c + 2] - columns[c]; }
+  PW_ALWAYS_INLINE double Y(LONG c) const { return lower[c] - upper[c]; }
+};
+
+template <Surface kSurface, class O, class D>
+PW_ALWAYS_INLINE void FormulaBody(const D d, LONG width, LONG row, const Params& p,
+                                  O* __restrict out) {
   if constexpr (kSurface == Surface::kSlope) {
     const double scale =
         p.mercator ? std::cosh((p.topY - static_cast<double>(row) * p.cellY) / kEarthRadius) : 1.0;
     const double fx = p.fx, fy = p.fy;
     if (p.slopeType == 2) {
       for (LONG c = 0; c < width; ++c) {
-        const double gx = fx * dx[c], gy = fy * dy[c];
+        const double gx = fx * d.X(c), gy = fy * d.Y(c);
         out[c] = Store<O, false>(std::sqrt(gx * gx + gy * gy) * scale * 100.0);
       }
     } else if constexpr (std::is_same_v<O, float>) {
@@ -138,20 +157,20 @@ PW_ALWAYS_INLINE void FormulaBody(const double* __restrict dx, const double* __r
       // precision, twice as wide per instruction, the rest in double.
       const double scale2 = scale * scale;
       for (LONG c = 0; c < width; ++c) {
-        const double gx = fx * dx[c], gy = fy * dy[c];
+        const double gx = fx * d.X(c), gy = fy * d.Y(c);
         const float rise = std::sqrt(static_cast<float>((gx * gx + gy * gy) * scale2));
-        out[c] = static_cast<float>(static_cast<double>(AtanF(rise)) * kDegrees);
+        out[c] = AtanNonNegativeF(rise) * static_cast<float>(kDegrees);
       }
     } else {
       for (LONG c = 0; c < width; ++c) {
-        const double gx = fx * dx[c], gy = fy * dy[c];
+        const double gx = fx * d.X(c), gy = fy * d.Y(c);
         out[c] = Store<O, true>(Atan(std::sqrt(gx * gx + gy * gy) * scale) * kDegrees);
       }
     }
   } else if constexpr (kSurface == Surface::kAspect) {
     const double cx = p.cellX, cy = p.cellYAspect;
     for (LONG c = 0; c < width; ++c) {
-      const double x = dx[c] / cx, y = dy[c] / cy;
+      const double x = d.X(c) / cx, y = d.Y(c) / cy;
       // Arithmetic rather than selects on the value: the vectorizer gives up on a select
       // feeding a narrowing store. Every step is exact (v times 1, plus 0).
       double v = 90.0 - Atan2(y, -x) * kDegrees;
@@ -171,7 +190,7 @@ PW_ALWAYS_INLINE void FormulaBody(const double* __restrict dx, const double* __r
     if (p.lights == 1) {
       const Light l = p.light[0];
       for (LONG c = 0; c < width; ++c) {
-        const double px = fx * dx[c], qy = fy * dy[c];
+        const double px = fx * d.X(c), qy = fy * d.Y(c);
         const double n = std::sqrt(1.0 + px * px + qy * qy);
         const double v = (qy * l.s - px * l.c + l.cosZenith) * 255.0 / n;
         out[c] = Store<O, true>(v > 0 ? v : 0.0);
@@ -180,7 +199,7 @@ PW_ALWAYS_INLINE void FormulaBody(const double* __restrict dx, const double* __r
       Light l[6];
       for (int k = 0; k < 6; ++k) l[k] = p.light[k];
       for (LONG c = 0; c < width; ++c) {
-        const double px = fx * dx[c], qy = fy * dy[c];
+        const double px = fx * d.X(c), qy = fy * d.Y(c);
         const double n = std::sqrt(1.0 + px * px + qy * qy);
         double sum = 0;
         for (int k = 0; k < 6; ++k) {
@@ -193,41 +212,53 @@ PW_ALWAYS_INLINE void FormulaBody(const double* __restrict dx, const double* __r
   }
 }
 
-// Derivatives of a row whose window cells are all valid. The column sums top + 2 mid +
-// bottom are formed once per column (`columns` holds width + 2 of them) and serve dz/dx of
-// two cells; the association is the definition's, so the values are the same.
+// An input row of width + 2 cells as doubles, and its weighted sums across,
+// (x[c] + 2 x[c + 1]) + x[c + 2], for the width cells. Each input row is converted and summed
+// once and serves as the lower side of one output row and the upper side of another.
 template <class I>
-PW_ALWAYS_INLINE void DerivativesBody(const I* __restrict top, const I* __restrict mid,
-                                      const I* __restrict bottom, LONG width, double* __restrict dx,
-                                      double* __restrict dy, double* __restrict columns) {
-  for (LONG c = 0; c < width + 2; ++c)
-    columns[c] = (static_cast<double>(top[c]) + 2 * static_cast<double>(mid[c])) +
-                 static_cast<double>(bottom[c]);
-  for (LONG c = 0; c < width; ++c) {
-    const double upper = (static_cast<double>(top[c]) + 2 * static_cast<double>(top[c + 1])) +
-                         static_cast<double>(top[c + 2]);
-    const double lower = (static_cast<double>(bottom[c]) + 2 * static_cast<double>(bottom[c + 1])) +
-                         static_cast<double>(bottom[c + 2]);
-    dx[c] = columns[c + 2] - columns[c];
-    dy[c] = lower - upper;
-  }
+PW_ALWAYS_INLINE void InputRowBody(const I* __restrict in, LONG width, double* __restrict values,
+                                   double* __restrict across) {
+  for (LONG c = 0; c < width + 2; ++c) values[c] = static_cast<double>(in[c]);
+  for (LONG c = 0; c < width; ++c) across[c] = (values[c] + 2 * values[c + 1]) + values[c + 2];
 }
 
-using FormulaFn = void (*)(const double*, const double*, LONG, LONG, const Params&, void*);
-using DerivativesFn = void (*)(const void*, const void*, const void*, LONG, double*, double*,
-                               double*);
+// The column sums top + 2 mid + bottom of a row's window (width + 2 of them), formed once per
+// column: each serves dz/dx of two cells. The association is the definition's, so the
+// derivatives are the same.
+PW_ALWAYS_INLINE void ColumnsBody(const double* __restrict top, const double* __restrict mid,
+                                  const double* __restrict bottom, LONG width,
+                                  double* __restrict columns) {
+  for (LONG c = 0; c < width + 2; ++c) columns[c] = (top[c] + 2 * mid[c]) + bottom[c];
+}
 
-#define PW_TERRAIN_WRAPPERS(Suffix, Target)                                              \
-  template <Surface kSurface, class O>                                                   \
-  Target void Formula##Suffix(const double* dx, const double* dy, LONG width, LONG row,  \
-                              const Params& p, void* out) {                              \
-    FormulaBody<kSurface, O>(dx, dy, width, row, p, static_cast<O*>(out));               \
-  }                                                                                      \
-  template <class I>                                                                     \
-  Target void Derivatives##Suffix(const void* top, const void* mid, const void* bottom,  \
-                                  LONG width, double* dx, double* dy, double* columns) { \
-    DerivativesBody<I>(static_cast<const I*>(top), static_cast<const I*>(mid),           \
-                       static_cast<const I*>(bottom), width, dx, dy, columns);           \
+using InputRowFn = void (*)(const void*, LONG, double*, double*);
+using ColumnsFn = void (*)(const double*, const double*, const double*, LONG, double*);
+// The formula over a row: from the column sums and the sums across of the upper and lower
+// rows, or from stored dz/dx and dz/dy.
+using SummedFormulaFn = void (*)(const double*, const double*, const double*, LONG, LONG,
+                                 const Params&, void*);
+using StoredFormulaFn = void (*)(const double*, const double*, LONG, LONG, const Params&, void*);
+
+#define PW_TERRAIN_WRAPPERS(Suffix, Target)                                                     \
+  template <Surface kSurface, class O>                                                          \
+  Target void SummedFormula##Suffix(const double* columns, const double* upper,                 \
+                                    const double* lower, LONG width, LONG row, const Params& p, \
+                                    void* out) {                                                \
+    FormulaBody<kSurface, O>(SummedDerivatives{columns, upper, lower}, width, row, p,           \
+                             static_cast<O*>(out));                                             \
+  }                                                                                             \
+  template <Surface kSurface, class O>                                                          \
+  Target void StoredFormula##Suffix(const double* dx, const double* dy, LONG width, LONG row,   \
+                                    const Params& p, void* out) {                               \
+    FormulaBody<kSurface, O>(StoredDerivatives{dx, dy}, width, row, p, static_cast<O*>(out));   \
+  }                                                                                             \
+  template <class I>                                                                            \
+  Target void InputRow##Suffix(const void* in, LONG width, double* values, double* across) {    \
+    InputRowBody<I>(static_cast<const I*>(in), width, values, across);                          \
+  }                                                                                             \
+  Target void Columns##Suffix(const double* top, const double* mid, const double* bottom,       \
+                              LONG width, double* columns) {                                    \
+    ColumnsBody(top, mid, bottom, width, columns);                                              \
   }
 PW_TERRAIN_WRAPPERS(Baseline, )
 #if PW_SIMD_X86
@@ -236,15 +267,23 @@ PW_TERRAIN_WRAPPERS(Avx512, PW_TARGET_AVX512)
 #endif
 #undef PW_TERRAIN_WRAPPERS
 
+// The summed and the stored form of one formula for one output type and instruction set.
+struct Formulas {
+  SummedFormulaFn summed = nullptr;
+  StoredFormulaFn stored = nullptr;
+};
+
 template <Surface kSurface>
-FormulaFn PickFormula(LONG outType, raster::simd::Isa isa) {
-  FormulaFn f = nullptr;
+Formulas PickFormulas(LONG outType, raster::simd::Isa isa) {
+  Formulas f;
   raster::VisitPixelType(outType, [&](auto tag) {
     using O = typename decltype(tag)::type;
-    f = &FormulaBaseline<kSurface, O>;
+    f = {&SummedFormulaBaseline<kSurface, O>, &StoredFormulaBaseline<kSurface, O>};
 #if PW_SIMD_X86
-    if (isa == raster::simd::Isa::kAvx2) f = &FormulaAvx2<kSurface, O>;
-    if (isa == raster::simd::Isa::kAvx512) f = &FormulaAvx512<kSurface, O>;
+    if (isa == raster::simd::Isa::kAvx2)
+      f = {&SummedFormulaAvx2<kSurface, O>, &StoredFormulaAvx2<kSurface, O>};
+    if (isa == raster::simd::Isa::kAvx512)
+      f = {&SummedFormulaAvx512<kSurface, O>, &StoredFormulaAvx512<kSurface, O>};
 #else
     (void)isa;
 #endif
@@ -252,30 +291,40 @@ FormulaFn PickFormula(LONG outType, raster::simd::Isa isa) {
   return f;
 }
 
-FormulaFn SelectFormula(Surface surface, LONG outType, raster::simd::Isa isa) {
+Formulas SelectFormulas(Surface surface, LONG outType, raster::simd::Isa isa) {
   switch (surface) {
     case Surface::kSlope:
-      return PickFormula<Surface::kSlope>(outType, isa);
+      return PickFormulas<Surface::kSlope>(outType, isa);
     case Surface::kAspect:
-      return PickFormula<Surface::kAspect>(outType, isa);
+      return PickFormulas<Surface::kAspect>(outType, isa);
     default:
-      return PickFormula<Surface::kHillshade>(outType, isa);
+      return PickFormulas<Surface::kHillshade>(outType, isa);
   }
 }
 
-DerivativesFn SelectDerivatives(LONG inType, raster::simd::Isa isa) {
-  DerivativesFn f = nullptr;
+InputRowFn SelectInputRow(LONG inType, raster::simd::Isa isa) {
+  InputRowFn f = nullptr;
   raster::VisitPixelType(inType, [&](auto tag) {
     using I = typename decltype(tag)::type;
-    f = &DerivativesBaseline<I>;
+    f = &InputRowBaseline<I>;
 #if PW_SIMD_X86
-    if (isa == raster::simd::Isa::kAvx2) f = &DerivativesAvx2<I>;
-    if (isa == raster::simd::Isa::kAvx512) f = &DerivativesAvx512<I>;
+    if (isa == raster::simd::Isa::kAvx2) f = &InputRowAvx2<I>;
+    if (isa == raster::simd::Isa::kAvx512) f = &InputRowAvx512<I>;
 #else
     (void)isa;
 #endif
   });
   return f;
+}
+
+ColumnsFn SelectColumns(raster::simd::Isa isa) {
+#if PW_SIMD_X86
+  if (isa == raster::simd::Isa::kAvx2) return &ColumnsAvx2;
+  if (isa == raster::simd::Isa::kAvx512) return &ColumnsAvx512;
+#else
+  (void)isa;
+#endif
+  return &ColumnsBaseline;
 }
 
 // Derivatives of one cell by the validity rules; false when the cell has no value.
@@ -330,34 +379,38 @@ void WholeWindows(const std::uint8_t* __restrict v0, const std::uint8_t* __restr
               v2[c + 2];
 }
 
-// Redoes the cells of a row whose window is not wholly valid (`full` is 0) by the validity
-// rules; the others keep the fast path's derivatives.
+// The derivatives of cells [first, last) of a row by the validity rules, with whether each
+// has a value (`ok`); cells without one get zeros.
 template <class I>
-void CheckedRow(const void* in, const BYTE* mask, LONG width, LONG row, const std::uint8_t* full,
-                double* dx, double* dy, std::uint8_t* ok) {
+void CheckedCells(const void* in, const BYTE* mask, LONG width, LONG row, LONG first, LONG last,
+                  double* dx, double* dy, std::uint8_t* ok) {
   const std::size_t stride = static_cast<std::size_t>(width) + 2;
   const I* base = static_cast<const I*>(in);
   const I* rows[3] = {base + static_cast<std::size_t>(row) * stride,
                       base + (static_cast<std::size_t>(row) + 1) * stride,
                       base + (static_cast<std::size_t>(row) + 2) * stride};
-  std::memset(ok, 1, static_cast<std::size_t>(width));
-  for (LONG c = 0; c < width; ++c) {
-    // Jump to the next cell whose window holds an invalid cell.
-    const void* next = std::memchr(full + c, 0, static_cast<std::size_t>(width - c));
-    if (next == nullptr) break;
-    c = static_cast<LONG>(static_cast<const std::uint8_t*>(next) - full);
+  for (LONG c = first; c < last; ++c) {
     ok[c] =
         CheckedDerivatives<I>(rows, mask, stride, static_cast<std::size_t>(row), c, &dx[c], &dy[c]);
     if (!ok[c]) dx[c] = dy[c] = 0;
   }
 }
 
-using CheckedFn = void (*)(const void*, const BYTE*, LONG, LONG, const std::uint8_t*, double*,
-                           double*, std::uint8_t*);
+using CheckedFn = void (*)(const void*, const BYTE*, LONG, LONG, LONG, LONG, double*, double*,
+                           std::uint8_t*);
+
+// The end of the run of equal bytes that starts at `first`.
+LONG RunEnd(const std::uint8_t* bytes, LONG first, LONG width) {
+  const void* next =
+      std::memchr(bytes + first, bytes[first] ^ 1, static_cast<std::size_t>(width - first));
+  return next == nullptr ? width
+                         : static_cast<LONG>(static_cast<const std::uint8_t*>(next) - bytes);
+}
 
 CheckedFn SelectChecked(LONG inType) {
   CheckedFn f = nullptr;
-  raster::VisitPixelType(inType, [&](auto tag) { f = &CheckedRow<typename decltype(tag)::type>; });
+  raster::VisitPixelType(inType,
+                         [&](auto tag) { f = &CheckedCells<typename decltype(tag)::type>; });
   return f;
 }
 
@@ -390,15 +443,16 @@ HRESULT Compute(const void* in, const BYTE* inMask, LONG inType, LONG width, LON
   const std::size_t inCells =
       (static_cast<std::size_t>(width) + 2) * (static_cast<std::size_t>(height) + 2);
   if (cells == 0) return S_OK;
-  if (raster::mask::Count(inMask, inCells) == 0) {
+  const bool allValid = raster::mask::AllValid(inMask, inCells);
+  if (!allValid && raster::mask::Count(inMask, inCells) == 0) {
     raster::mask::Fill(outMask, cells, false);
     return S_FALSE;
   }
-  const DerivativesFn derivatives = SelectDerivatives(inType, isa);
+  const InputRowFn inputRow = SelectInputRow(inType, isa);
+  const ColumnsFn columnSums = SelectColumns(isa);
   const CheckedFn checked = SelectChecked(inType);
-  const FormulaFn formula = SelectFormula(params.surface, outType, isa);
-  if (derivatives == nullptr || formula == nullptr) return E_INVALIDARG;
-  const bool allValid = raster::mask::AllValid(inMask, inCells);
+  const Formulas formula = SelectFormulas(params.surface, outType, isa);
+  if (inputRow == nullptr || formula.summed == nullptr) return E_INVALIDARG;
   raster::mask::Fill(outMask, cells, true);
   // One validity byte a cell, written by the rows and folded into the mask afterwards.
   // Written in full before they are read: no zeroing.
@@ -426,25 +480,48 @@ HRESULT Compute(const void* in, const BYTE* inMask, LONG inType, LONG width, LON
     std::vector<double> dx(static_cast<std::size_t>(width)), dy(static_cast<std::size_t>(width));
     std::vector<double> sums(static_cast<std::size_t>(width) + 2);
     std::vector<std::uint8_t> full(allValid ? 0 : static_cast<std::size_t>(width));
+    // The last three input rows as doubles with their sums across, in turn.
+    const std::size_t span = static_cast<std::size_t>(width) + 2;
+    std::vector<double> ring(6 * span);
+    auto values = [&](LONG i) { return ring.data() + static_cast<std::size_t>(i % 3) * span; };
+    auto across = [&](LONG i) { return ring.data() + static_cast<std::size_t>(3 + i % 3) * span; };
+    LONG loaded = first;
     for (LONG r = first; r < last; ++r) {
-      // The fast path for every cell; cells near invalid ones are then redone.
-      const std::uint8_t* top = inBytes + static_cast<std::size_t>(r) * stride;
-      derivatives(top, top + stride, top + 2 * stride, width, dx.data(), dy.data(), sums.data());
-      if (!allValid) {
-        std::uint8_t* ok =
-            validity.get() + static_cast<std::size_t>(r) * static_cast<std::size_t>(width);
-        if (rowValid[r] & rowValid[r + 1] & rowValid[r + 2]) {
-          std::memset(ok, 1, static_cast<std::size_t>(width));
+      for (; loaded < r + 3; ++loaded)
+        inputRow(inBytes + static_cast<std::size_t>(loaded) * stride, width, values(loaded),
+                 across(loaded));
+      columnSums(values(r), values(r + 1), values(r + 2), width, sums.data());
+      void* const target =
+          outBytes + static_cast<std::size_t>(r) * static_cast<std::size_t>(width) * outPixel;
+      if (allValid || (rowValid[r] & rowValid[r + 1] & rowValid[r + 2])) {
+        // Every window of the row is whole: the fast path, derivatives formed on the fly.
+        if (!allValid)
+          std::memset(
+              validity.get() + static_cast<std::size_t>(r) * static_cast<std::size_t>(width), 1,
+              static_cast<std::size_t>(width));
+        formula.summed(sums.data(), across(r), across(r + 2), width, r, params, target);
+        continue;
+      }
+      // Runs of cells whose windows are whole take the fast path; the others get their
+      // derivatives by the validity rules. Cells near the block's edges or a hole are the
+      // only ones that pay.
+      std::uint8_t* ok =
+          validity.get() + static_cast<std::size_t>(r) * static_cast<std::size_t>(width);
+      std::memset(ok, 1, static_cast<std::size_t>(width));
+      const std::uint8_t* v0 = cellValid.get() + static_cast<std::size_t>(r) * columns;
+      const std::uint8_t* v1 = v0 + columns;
+      const std::uint8_t* v2 = v1 + columns;
+      WholeWindows(v0, v1, v2, width, full.data());
+      for (LONG c = 0, end = 0; c < width; c = end) {
+        end = RunEnd(full.data(), c, width);
+        auto* at = static_cast<std::uint8_t*>(target) + static_cast<std::size_t>(c) * outPixel;
+        if (full[static_cast<std::size_t>(c)] != 0) {
+          formula.summed(sums.data() + c, across(r) + c, across(r + 2) + c, end - c, r, params, at);
         } else {
-          const std::uint8_t* v0 = cellValid.get() + static_cast<std::size_t>(r) * columns;
-          const std::uint8_t* v1 = v0 + columns;
-          const std::uint8_t* v2 = v1 + columns;
-          WholeWindows(v0, v1, v2, width, full.data());
-          checked(in, inMask, width, r, full.data(), dx.data(), dy.data(), ok);
+          checked(in, inMask, width, r, c, end, dx.data(), dy.data(), ok);
+          formula.stored(dx.data() + c, dy.data() + c, end - c, r, params, at);
         }
       }
-      formula(dx.data(), dy.data(), width, r, params,
-              outBytes + static_cast<std::size_t>(r) * static_cast<std::size_t>(width) * outPixel);
     }
   };
 #ifdef _OPENMP

@@ -230,7 +230,8 @@ HRESULT ExportRaster(IRaster* raster, const std::string& path, const ExportOptio
           if (!queue.WaitForRoom(s)) return;
           const LONG row = s * rowsPerStrip, rows = std::min(rowsPerStrip, height - row);
           ComPtr<IPixelBlock> block;
-          HRESULT hr = raster->CreatePixelBlock(width, rows, &block);
+          // The read writes every pixel and bit of the strip.
+          HRESULT hr = CreateUnfilledPixelBlock(width, rows, bands, type, &block);
           if (SUCCEEDED(hr)) hr = raster->ReadAt(0, row, block.Get());
           if (FAILED(hr)) return fail(hr);
           queue.Put(s, std::move(block));

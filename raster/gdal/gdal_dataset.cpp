@@ -357,11 +357,13 @@ HRESULT GdalDataset::ReadWindow(LONG band, LONG column, LONG row, LONG width, LO
   return Guard([&]() -> HRESULT {
     const std::size_t size = PixelSize(info_.pixelType);
     const std::size_t pixels = static_cast<std::size_t>(width) * static_cast<std::size_t>(height);
-    std::memset(buffer, 0, pixels * size);
-    mask::Fill(bits, pixels, false);
     const LONG c0 = std::max<LONG>(column, 0),
                c1 = std::min<LONG>(column + width, info_.grid.columns);
     const LONG r0 = std::max<LONG>(row, 0), r1 = std::min<LONG>(row + height, info_.grid.rows);
+    // Cells beyond the raster read as 0 and invalid; a window inside is written whole below.
+    if (c0 != column || r0 != row || c1 != column + width || r1 != row + height)
+      std::memset(buffer, 0, pixels * size);
+    mask::Fill(bits, pixels, false);
     if (c0 >= c1 || r0 >= r1) return S_OK;
     const int cw = c1 - c0, ch = r1 - r0;
     std::optional<Lease> lease;

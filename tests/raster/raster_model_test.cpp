@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <random>
+#include <vector>
 
 #include "raster/algorithms/statistics.h"
 #include "raster/mask.h"
@@ -65,6 +66,34 @@ TEST(PixelBlock, ConvertsBetweenTypesAndRefusesBadShapes) {
   EXPECT_EQ(ConvertPixelBlock(floats.Get(), other.Get()), E_INVALIDARG);
   EXPECT_EQ(CreatePixelBlock(2, 2, 1, 11, &other), E_INVALIDARG);
   EXPECT_EQ(CreatePixelBlock(-1, 2, 1, 3, &other), E_INVALIDARG);
+}
+
+TEST(PixelBlock, WrappedMemoryStartsLikeANewBlockAndUnfilledBlocksHaveTheirShape) {
+  // A wrapped block starts at 0 and all valid whatever the caller's memory held, and a
+  // read into it lands in that memory.
+  std::vector<std::int16_t> values(6, -7);
+  std::vector<BYTE> bits(1, 0);
+  ComPtr<IPixelBlock> wrapped;
+  ASSERT_EQ(WrapPixelBlock(3, 2, 6, values.data(), bits.data(), &wrapped), S_OK);
+  EXPECT_EQ(values, std::vector<std::int16_t>(6, 0));
+  EXPECT_TRUE(mask::AllValid(bits.data(), 6));
+  static_cast<std::int16_t*>(wrapped->Buffer(0))[4] = 12;
+  EXPECT_EQ(values[4], 12);
+  EXPECT_EQ(wrapped->Buffer(1), nullptr);
+  LONG bands = 0;
+  wrapped->get_BandCount(&bands);
+  EXPECT_EQ(bands, 1);
+  EXPECT_EQ(WrapPixelBlock(3, 2, 6, nullptr, bits.data(), &wrapped), E_INVALIDARG);
+  EXPECT_EQ(WrapPixelBlock(3, 2, 42, values.data(), bits.data(), &wrapped), E_INVALIDARG);
+
+  ComPtr<IPixelBlock> unfilled;
+  ASSERT_EQ(CreateUnfilledPixelBlock(5, 4, 2, 9, &unfilled), S_OK);
+  BlockShape shape;
+  ASSERT_EQ(GetShape(unfilled.Get(), &shape), S_OK);
+  EXPECT_EQ(shape.Pixels(), 20u);
+  EXPECT_EQ(shape.bands, 2);
+  EXPECT_NE(unfilled->Buffer(1), nullptr);
+  EXPECT_EQ(CreateUnfilledPixelBlock(5, -1, 2, 9, &unfilled), E_INVALIDARG);
 }
 
 TEST(PixelTypes, ShareOneInstantiationForTheByteCodes) {
