@@ -1,6 +1,7 @@
 // Slope, aspect and hillshade kernels in cells per second: 256 x 256 blocks of a rolling
 // 32-bit float surface, computed by one thread, or by two threads each taking its own
-// blocks (as the export runs them), for each function and output type.
+// blocks (as the export runs them), for each function and output type; and strips as wide
+// as a large file's rows, the shape the export reads.
 #include <benchmark/benchmark.h>
 
 #include <cmath>
@@ -106,6 +107,40 @@ BENCHMARK(BM_Terrain)
     ->Args({2, 3, 2})
     ->Args({3, 3, 2})
     ->UseRealTime()
+    ->Unit(benchmark::kMillisecond);
+
+// Args: surface, output type. One 8192 x 256 strip with invalid cells beyond its left and
+// right edges (as a strip of a file has), on one thread.
+void BM_TerrainStrip(benchmark::State& state) {
+  constexpr LONG kWidth = 8192, kHeight = 256;
+  const std::size_t inCells = (kWidth + 2) * (kHeight + 2), cells = kWidth * kHeight;
+  std::vector<float> dem(inCells);
+  std::vector<BYTE> mask(raster::mask::Bytes(inCells), 0xFF);
+  for (std::size_t i = 0; i < inCells; ++i) {
+    const double c = static_cast<double>(i % (kWidth + 2)),
+                 r = static_cast<double>(i / (kWidth + 2));
+    dem[i] = static_cast<float>(500 + 80 * std::sin(c / 23) * std::cos(r / 17) + 0.3 * c);
+    if (i % (kWidth + 2) == 0 || i % (kWidth + 2) == kWidth + 1)
+      raster::mask::Clear(mask.data(), i);
+  }
+  const functions::terrain::Params params = ParamsFor(static_cast<int>(state.range(0)));
+  const LONG outType = static_cast<LONG>(state.range(1));
+  std::vector<std::uint8_t> out(cells * raster::PixelSize(outType));
+  std::vector<BYTE> outMask(raster::mask::Bytes(cells));
+  for (auto _ : state) {
+    functions::terrain::Compute(dem.data(), mask.data(), 9, kWidth, kHeight, out.data(),
+                                outMask.data(), outType, params, 1);
+    benchmark::DoNotOptimize(out.data());
+  }
+  state.SetItemsProcessed(static_cast<std::int64_t>(state.iterations()) *
+                          static_cast<std::int64_t>(cells));
+  state.SetLabel(raster::simd::Name(raster::simd::Best()));
+}
+BENCHMARK(BM_TerrainStrip)
+    ->ArgNames({"surface", "type"})
+    ->Args({0, 9})
+    ->Args({1, 6})
+    ->Args({2, 3})
     ->Unit(benchmark::kMillisecond);
 
 }  // namespace

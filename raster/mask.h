@@ -53,6 +53,9 @@ void FillInvalid(T* values, const std::uint8_t* m, std::size_t pixels, T fill) {
 void Unpack(const std::uint8_t* m, std::size_t pixels, std::uint8_t* bytes);
 // Clears the bit of every pixel whose byte is 0.
 void ClearWhereZero(std::uint8_t* m, const std::uint8_t* bytes, std::size_t pixels);
+// Sets the bits of pixels first .. first + count - 1 from their bytes (0 invalid, 1 valid, as
+// Unpack gives them), whole mask bytes at a time where the run covers them.
+void Pack(std::uint8_t* m, std::size_t first, const std::uint8_t* bytes, std::size_t count);
 
 void Union(std::uint8_t* destination, const std::uint8_t* source, std::size_t bytes);
 void Intersect(std::uint8_t* destination, const std::uint8_t* source, std::size_t bytes);

@@ -1,6 +1,8 @@
-// The terrain engine. A block goes row by row: the derivatives of a row (dz/dx, dz/dy and
-// whether the cell has a value) land in small per-thread arrays, then the function's
-// formula turns them into output values. Rows run in parallel with OpenMP.
+// The terrain engine. A block goes row by row: each input row is converted to double and
+// summed across once, the column sums of an output row are formed once, and the function's
+// formula forms dz/dx and dz/dy from those sums as it goes; cells whose window holds an
+// invalid cell get their derivatives by the validity rules instead. Rows run in parallel
+// with OpenMP.
 //
 // Derivatives: dz/dx = (c + 2f + i) - (a + 2d + g), dz/dy = (g + 2h + i) - (a + 2b + c)
 // over the window a b c / d e f / g h i. With exactly seven valid neighbours each side is

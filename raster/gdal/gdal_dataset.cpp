@@ -43,11 +43,23 @@ std::optional<T> NoDataAs(const std::optional<double>& noData) {
 template <class T>
 void MarkValid(const T* values, const std::uint8_t* cover, std::uint8_t threshold,
                std::optional<T> noData, BYTE* bits, std::size_t first, std::size_t count) {
-  for (std::size_t i = 0; i < count; ++i) {
-    bool valid = cover == nullptr || cover[i] >= threshold;
-    if (noData) valid = valid && values[i] != *noData;
-    if constexpr (std::is_floating_point_v<T>) valid = valid && !std::isnan(values[i]);
-    if (valid) mask::Set(bits, first + i);
+  // A chunk's validity as bytes in branch-free loops, then packed into the mask.
+  constexpr std::size_t kChunk = 2048;
+  std::uint8_t valid[kChunk];
+  const bool hasNoData = noData.has_value();
+  const T none = noData.value_or(T{});
+  for (std::size_t done = 0; done < count; done += kChunk) {
+    const std::size_t n = std::min(kChunk, count - done);
+    const T* v = values + done;
+    for (std::size_t i = 0; i < n; ++i) {
+      bool ok = !hasNoData || v[i] != none;
+      if constexpr (std::is_floating_point_v<T>) ok = ok && v[i] == v[i];  // not NaN
+      valid[i] = static_cast<std::uint8_t>(ok);
+    }
+    if (cover != nullptr)
+      for (std::size_t i = 0; i < n; ++i)
+        valid[i] = static_cast<std::uint8_t>(valid[i] & (cover[done + i] >= threshold));
+    mask::Pack(bits, first + done, valid, n);
   }
 }
 
@@ -360,10 +372,24 @@ HRESULT GdalDataset::ReadWindow(LONG band, LONG column, LONG row, LONG width, LO
     const LONG c0 = std::max<LONG>(column, 0),
                c1 = std::min<LONG>(column + width, info_.grid.columns);
     const LONG r0 = std::max<LONG>(row, 0), r1 = std::min<LONG>(row + height, info_.grid.rows);
-    // Cells beyond the raster read as 0 and invalid; a window inside is written whole below.
-    if (c0 != column || r0 != row || c1 != column + width || r1 != row + height)
-      std::memset(buffer, 0, pixels * size);
+    // Cells beyond the raster read as 0 and invalid; the part inside is written below.
     mask::Fill(bits, pixels, false);
+    auto zero = [&](LONG r, LONG from, LONG to) {
+      if (from < to)
+        std::memset(static_cast<std::uint8_t*>(buffer) +
+                        (static_cast<std::size_t>(r) * static_cast<std::size_t>(width) +
+                         static_cast<std::size_t>(from)) *
+                            size,
+                    0, static_cast<std::size_t>(to - from) * size);
+    };
+    for (LONG r = 0; r < height; ++r) {
+      if (row + r < r0 || row + r >= r1 || c0 >= c1) {
+        zero(r, 0, width);
+      } else {
+        zero(r, 0, c0 - column);
+        zero(r, c1 - column, width);
+      }
+    }
     if (c0 >= c1 || r0 >= r1) return S_OK;
     const int cw = c1 - c0, ch = r1 - r0;
     std::optional<Lease> lease;

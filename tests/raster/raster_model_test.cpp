@@ -37,6 +37,18 @@ TEST(Mask, WordOperationsAgreeWithBitByBitOnes) {
       EXPECT_EQ(mask::Get(u.data(), i), ea[i] || eb[i]);
       EXPECT_EQ(mask::Get(n.data(), i), ea[i] && eb[i]);
     }
+    // Packing validity bytes into any run of bits leaves the bits around the run alone.
+    for (std::size_t first : {std::size_t{0}, std::size_t{3}, pixels / 2}) {
+      if (first > pixels) continue;
+      const std::size_t count = pixels - first;
+      std::vector<std::uint8_t> bytes(count);
+      for (auto& v : bytes) v = static_cast<std::uint8_t>(random() % 2);
+      auto packed = b;
+      mask::Pack(packed.data(), first, bytes.data(), count);
+      for (std::size_t i = 0; i < pixels; ++i)
+        EXPECT_EQ(mask::Get(packed.data(), i), i < first ? bool(eb[i]) : bytes[i - first] != 0)
+            << pixels << " from " << first << " at " << i;
+    }
     mask::Fill(a.data(), pixels, true);
     EXPECT_TRUE(mask::AllValid(a.data(), pixels));
     EXPECT_EQ(mask::Count(a.data(), pixels), pixels);  // bits past the end stay clear
