@@ -49,18 +49,32 @@ std::size_t Count(const std::uint8_t* m, std::size_t pixels) {
   return n;
 }
 
-bool AllValid(const std::uint8_t* m, std::size_t pixels) {
+namespace {
+
+// Whether any pixel's bit differs from `bit`; bits past the last pixel are ignored.
+bool AnyDiffers(const std::uint8_t* m, std::size_t pixels, bool bit) {
   const std::size_t full = pixels / 8;
+  const std::uint8_t same = bit ? 0xFF : 0x00;
+  const std::uint64_t sameWord = bit ? ~std::uint64_t{0} : 0;
   std::size_t i = 0;
   for (; i + 8 <= full; i += 8) {
     std::uint64_t w;
     std::memcpy(&w, m + i, 8);
-    if (w != ~std::uint64_t{0}) return false;
+    if (w != sameWord) return true;
   }
   for (; i < full; ++i)
-    if (m[i] != 0xFF) return false;
-  if (pixels & 7) return (m[full] & TailBits(pixels)) == TailBits(pixels);
-  return true;
+    if (m[i] != same) return true;
+  return (pixels & 7) != 0 && ((m[full] ^ same) & TailBits(pixels)) != 0;
+}
+
+}  // namespace
+
+bool AllValid(const std::uint8_t* m, std::size_t pixels) {
+  return !AnyDiffers(m, pixels, true);
+}
+
+bool AnyValid(const std::uint8_t* m, std::size_t pixels) {
+  return AnyDiffers(m, pixels, false);
 }
 
 void Union(std::uint8_t* d, const std::uint8_t* s, std::size_t bytes) {

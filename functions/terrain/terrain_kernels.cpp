@@ -446,7 +446,7 @@ HRESULT Compute(const void* in, const BYTE* inMask, LONG inType, LONG width, LON
       (static_cast<std::size_t>(width) + 2) * (static_cast<std::size_t>(height) + 2);
   if (cells == 0) return S_OK;
   const bool allValid = raster::mask::AllValid(inMask, inCells);
-  if (!allValid && raster::mask::Count(inMask, inCells) == 0) {
+  if (!allValid && !raster::mask::AnyValid(inMask, inCells)) {
     raster::mask::Fill(outMask, cells, false);
     return S_FALSE;
   }
@@ -468,60 +468,77 @@ HRESULT Compute(const void* in, const BYTE* inMask, LONG inType, LONG width, LON
   // windows that are wholly valid with a few byte operations.
   const std::size_t columns = static_cast<std::size_t>(width) + 2;
   const std::unique_ptr<std::uint8_t[]> cellValid(new std::uint8_t[allValid ? 1 : inCells]);
-  // Input rows without an invalid cell: windows over three of them need no checks.
-  std::vector<std::uint8_t> rowValid(allValid ? 0 : static_cast<std::size_t>(height) + 2);
+  // What each input row holds: kWhole without an invalid cell, kInterior with invalid cells
+  // only in its first and last column (a block at the raster's left and right edges), else
+  // kHoles. Windows over three whole rows need no checks; over whole and interior rows, only
+  // the first and last cell of the output row do.
+  enum RowState : std::uint8_t { kHoles, kInterior, kWhole };
+  std::vector<std::uint8_t> rowState(allValid ? 0 : static_cast<std::size_t>(height) + 2);
   if (!allValid) {
     raster::mask::Unpack(inMask, inCells, cellValid.get());
-    for (std::size_t r = 0; r < rowValid.size(); ++r) {
+    for (std::size_t r = 0; r < rowState.size(); ++r) {
       const std::uint8_t* v = cellValid.get() + r * columns;
-      rowValid[r] = static_cast<std::uint8_t>(std::count(v, v + columns, std::uint8_t{0}) == 0);
+      const bool interior = std::count(v + 1, v + columns - 1, std::uint8_t{0}) == 0;
+      rowState[r] = !interior ? kHoles : (v[0] & v[columns - 1]) ? kWhole : kInterior;
     }
   }
 
   auto rows = [&](LONG first, LONG last) {
     std::vector<double> dx(static_cast<std::size_t>(width)), dy(static_cast<std::size_t>(width));
-    std::vector<double> sums(static_cast<std::size_t>(width) + 2);
     std::vector<std::uint8_t> full(allValid ? 0 : static_cast<std::size_t>(width));
-    // The last three input rows as doubles with their sums across, in turn.
-    const std::size_t span = static_cast<std::size_t>(width) + 2;
-    std::vector<double> ring(6 * span);
+    // The last three input rows as doubles with their sums across, in turn, and the column
+    // sums: seven rows in one buffer, each starting 640 bytes further into a 4 KiB page than
+    // the one before, so that a store to one row never looks to the processor like a store
+    // to the cells another row loads next (rows a multiple of 4 KiB apart stall on that).
+    const std::size_t span = (static_cast<std::size_t>(width) + 2 + 511) / 512 * 512 + 80;
+    std::vector<double> ring(7 * span);
     auto values = [&](LONG i) { return ring.data() + static_cast<std::size_t>(i % 3) * span; };
     auto across = [&](LONG i) { return ring.data() + static_cast<std::size_t>(3 + i % 3) * span; };
+    double* const sums = ring.data() + 6 * span;
     LONG loaded = first;
     for (LONG r = first; r < last; ++r) {
       for (; loaded < r + 3; ++loaded)
         inputRow(inBytes + static_cast<std::size_t>(loaded) * stride, width, values(loaded),
                  across(loaded));
-      columnSums(values(r), values(r + 1), values(r + 2), width, sums.data());
+      columnSums(values(r), values(r + 1), values(r + 2), width, sums);
       void* const target =
           outBytes + static_cast<std::size_t>(r) * static_cast<std::size_t>(width) * outPixel;
-      if (allValid || (rowValid[r] & rowValid[r + 1] & rowValid[r + 2])) {
-        // Every window of the row is whole: the fast path, derivatives formed on the fly.
-        if (!allValid)
-          std::memset(
-              validity.get() + static_cast<std::size_t>(r) * static_cast<std::size_t>(width), 1,
-              static_cast<std::size_t>(width));
-        formula.summed(sums.data(), across(r), across(r + 2), width, r, params, target);
+      // A run of cells [c, end): the fast path when every window is whole, else the
+      // derivatives by the validity rules.
+      auto run = [&](LONG c, LONG end, bool whole) {
+        auto* at = static_cast<std::uint8_t*>(target) + static_cast<std::size_t>(c) * outPixel;
+        if (whole) {
+          formula.summed(sums + c, across(r) + c, across(r + 2) + c, end - c, r, params, at);
+        } else {
+          checked(in, inMask, width, r, c, end, dx.data(), dy.data(),
+                  validity.get() + static_cast<std::size_t>(r) * static_cast<std::size_t>(width));
+          formula.stored(dx.data() + c, dy.data() + c, end - c, r, params, at);
+        }
+      };
+      if (allValid) {
+        run(0, width, true);
         continue;
       }
-      // Runs of cells whose windows are whole take the fast path; the others get their
-      // derivatives by the validity rules. Cells near the block's edges or a hole are the
-      // only ones that pay.
       std::uint8_t* ok =
           validity.get() + static_cast<std::size_t>(r) * static_cast<std::size_t>(width);
       std::memset(ok, 1, static_cast<std::size_t>(width));
-      const std::uint8_t* v0 = cellValid.get() + static_cast<std::size_t>(r) * columns;
-      const std::uint8_t* v1 = v0 + columns;
-      const std::uint8_t* v2 = v1 + columns;
-      WholeWindows(v0, v1, v2, width, full.data());
-      for (LONG c = 0, end = 0; c < width; c = end) {
-        end = RunEnd(full.data(), c, width);
-        auto* at = static_cast<std::uint8_t*>(target) + static_cast<std::size_t>(c) * outPixel;
-        if (full[static_cast<std::size_t>(c)] != 0) {
-          formula.summed(sums.data() + c, across(r) + c, across(r + 2) + c, end - c, r, params, at);
-        } else {
-          checked(in, inMask, width, r, c, end, dx.data(), dy.data(), ok);
-          formula.stored(dx.data() + c, dy.data() + c, end - c, r, params, at);
+      const std::uint8_t state = std::min({rowState[r], rowState[r + 1], rowState[r + 2]});
+      if (state == kWhole) {
+        run(0, width, true);
+      } else if (state == kInterior && width > 2) {
+        run(0, 1, false);
+        run(1, width - 1, true);
+        run(width - 1, width, false);
+      } else {
+        // Runs of cells whose windows are whole take the fast path; cells near a hole are the
+        // only ones that pay.
+        const std::uint8_t* v0 = cellValid.get() + static_cast<std::size_t>(r) * columns;
+        const std::uint8_t* v1 = v0 + columns;
+        const std::uint8_t* v2 = v1 + columns;
+        WholeWindows(v0, v1, v2, width, full.data());
+        for (LONG c = 0, end = 0; c < width; c = end) {
+          end = RunEnd(full.data(), c, width);
+          run(c, end, full[static_cast<std::size_t>(c)] != 0);
         }
       }
     }

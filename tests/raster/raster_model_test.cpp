@@ -30,6 +30,7 @@ TEST(Mask, WordOperationsAgreeWithBitByBitOnes) {
     std::size_t expectedCount = 0;
     for (bool v : ea) expectedCount += v;
     EXPECT_EQ(mask::Count(a.data(), pixels), expectedCount) << pixels;
+    EXPECT_EQ(mask::AnyValid(a.data(), pixels), expectedCount > 0) << pixels;
     auto u = a, n = a;
     mask::Union(u.data(), b.data(), u.size());
     mask::Intersect(n.data(), b.data(), n.size());
@@ -49,11 +50,32 @@ TEST(Mask, WordOperationsAgreeWithBitByBitOnes) {
         EXPECT_EQ(mask::Get(packed.data(), i), i < first ? bool(eb[i]) : bytes[i - first] != 0)
             << pixels << " from " << first << " at " << i;
     }
+    // Filling invalid values: sparse holes among whole words of valid pixels, and the
+    // random mask.
+    for (bool sparse : {true, false}) {
+      auto holes = a;
+      if (sparse) {
+        mask::Fill(holes.data(), pixels, true);
+        for (std::size_t i = 5; i < pixels; i += 97) mask::Clear(holes.data(), i);
+      }
+      std::vector<int> values(pixels, 1);
+      mask::FillInvalid(values.data(), holes.data(), pixels, -1);
+      for (std::size_t i = 0; i < pixels; ++i)
+        EXPECT_EQ(values[i], mask::Get(holes.data(), i) ? 1 : -1) << pixels << " at " << i;
+    }
     mask::Fill(a.data(), pixels, true);
     EXPECT_TRUE(mask::AllValid(a.data(), pixels));
     EXPECT_EQ(mask::Count(a.data(), pixels), pixels);  // bits past the end stay clear
     mask::Clear(a.data(), pixels - 1);
     EXPECT_FALSE(mask::AllValid(a.data(), pixels));
+    // Only the last pixel valid, and then none: bits past the end do not count.
+    auto last = a;
+    mask::Fill(last.data(), pixels, false);
+    mask::Set(last.data(), pixels - 1);
+    EXPECT_TRUE(mask::AnyValid(last.data(), pixels));
+    mask::Clear(last.data(), pixels - 1);
+    if (pixels % 8 != 0) last.back() |= static_cast<std::uint8_t>(0xFF >> (pixels % 8));
+    EXPECT_FALSE(mask::AnyValid(last.data(), pixels));
   }
   std::uint8_t first = 0;
   mask::Set(&first, 0);
