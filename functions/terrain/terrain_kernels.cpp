@@ -171,20 +171,42 @@ PW_ALWAYS_INLINE void FormulaBody(const D d, LONG width, LONG row, const Params&
     }
   } else if constexpr (kSurface == Surface::kAspect) {
     const double cx = p.cellX, cy = p.cellYAspect;
-    for (LONG c = 0; c < width; ++c) {
-      const double x = d.X(c) / cx, y = d.Y(c) / cy;
-      // Arithmetic rather than selects on the value: the vectorizer gives up on a select
-      // feeding a narrowing store. Every step is exact (v times 1, plus 0).
-      double v = 90.0 - Atan2(y, -x) * kDegrees;
-      v += 360.0 * static_cast<double>(v < 0);
-      const double flat = static_cast<double>((x == 0) & (y == 0));
-      v = v * (1.0 - flat) - flat;
-      if constexpr (std::is_floating_point_v<O>) {
-        // For float outputs the value itself is tested against 360.
-        out[c] = static_cast<O>(v * static_cast<double>(v < 360.0));
+    // The angles of a chunk of cells first, eight doubles a vector, then the stores: one
+    // loop over both would carry as many doubles as the output type has lanes (32 for
+    // 16-bit outputs) through the arctangent and run out of registers.
+    constexpr LONG kChunk = 256;
+    alignas(64) double angle[kChunk];
+    // With square cells the division by the cell size scales both derivatives alike and
+    // leaves the direction as it is, so it is skipped: two divisions a cell fewer.
+    auto angles = [&](LONG first, LONG n, auto square) PW_INLINE_LAMBDA {
+      for (LONG k = 0; k < n; ++k) {
+        double x = d.X(first + k), y = d.Y(first + k);
+        if constexpr (!decltype(square)::value) x /= cx, y /= cy;
+        // Arithmetic rather than selects on the value: every step is exact (v times 1,
+        // plus 0).
+        double v = 90.0 - Atan2(y, -x) * kDegrees;
+        v += 360.0 * static_cast<double>(v < 0);
+        const double flat = static_cast<double>((x == 0) & (y == 0));
+        angle[k] = v * (1.0 - flat) - flat;
+      }
+    };
+    for (LONG first = 0; first < width; first += kChunk) {
+      const LONG n = std::min(kChunk, width - first);
+      if (cx == cy) {
+        angles(first, n, std::true_type{});
       } else {
-        const O stored = Store<O, true>(v);  // v lies in [-1, 360]
-        out[c] = static_cast<double>(stored) >= 360.0 ? O{0} : stored;
+        angles(first, n, std::false_type{});
+      }
+      O* const to = out + first;
+      for (LONG k = 0; k < n; ++k) {
+        const double v = angle[k];
+        if constexpr (std::is_floating_point_v<O>) {
+          // For float outputs the value itself is tested against 360.
+          to[k] = static_cast<O>(v * static_cast<double>(v < 360.0));
+        } else {
+          const O stored = Store<O, true>(v);  // v lies in [-1, 360]
+          to[k] = static_cast<double>(stored) >= 360.0 ? O{0} : stored;
+        }
       }
     }
   } else {
