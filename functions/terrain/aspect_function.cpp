@@ -41,16 +41,12 @@ HRESULT AspectFunction::BindImpl(IRasterFunctionArguments* arguments) {
   PW_RETURN_IF_FAILED(BindElevation(dem, false, 6));
   if (!(cellX_ > 0) || !(cellY_ > 0))
     return ChainParamBindError(u"Raster", E_INVALIDARG, framework::kRasterDataset);
+  params_ = terrain::Params{};
+  params_.surface = terrain::Surface::kAspect;
+  params_.cellX = cellX_;
+  params_.cellYAspect = cellY_;
   ChooseDevice(target, deviceId);
   return DefineRasterKeyProperty(res::c_name_DataType, Variant(res::c_value_Generic));
-}
-
-terrain::Params AspectFunction::BlockParams(LONG) const {
-  terrain::Params p;
-  p.surface = terrain::Surface::kAspect;
-  p.cellX = cellX_;
-  p.cellYAspect = cellY_;
-  return p;
 }
 
 }  // namespace pw::functions

@@ -15,7 +15,6 @@ class AspectFunction : public TerrainFunction {
 
  protected:
   HRESULT BindImpl(IRasterFunctionArguments* arguments) override;
-  terrain::Params BlockParams(LONG row) const override;
   std::u16string_view TypeName() const override { return u"AspectFunction"; }
   CLSID ClassId() const override { return ClassIdFromName("AspectFunction"); }
 };

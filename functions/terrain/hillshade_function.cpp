@@ -69,52 +69,44 @@ HillshadeFunction::HillshadeFunction()
 HRESULT HillshadeFunction::BindImpl(IRasterFunctionArguments* arguments) {
   auto* args = dynamic_cast<HillshadeFunctionArguments*>(arguments);
   if (args == nullptr) return ChainBindError(E_INVALIDARG, res::IDS_FUNCTION_BIND_FAILED);
-  const Variant* dem = args->Find(u"DEM");
-  if (dem == nullptr || dem->IsEmpty()) dem = args->Find(u"Raster");
-  PW_RETURN_IF_FAILED(BindElevation(dem, args->GetBool(u"RemoveEdgeEffect", false), 3));
-  azimuth_ = args->GetDouble(u"Azimuth", 315.0);
-  altitude_ = args->GetDouble(u"Altitude", 45.0);
-  zFactor_ = args->GetDouble(u"ZFactor", 1.0);
-  slopeType_ = args->GetLong(u"SlopeType", 1);
-  psZFactor_ = args->GetDouble(u"PSZFactor", 0.024);
-  psPower_ = args->GetDouble(u"PSPower", 0.664);
-  hillshadeType_ = args->GetLong(u"HillshadeType", 0);
-  if (hillshadeType_ == 2) {
+  PW_RETURN_IF_FAILED(
+      BindElevation(args->Elevation(), args->GetBool(u"RemoveEdgeEffect", false), 3));
+  const ZFactors f = args->Factors();
+  const LONG hillshadeType = args->GetLong(u"HillshadeType", 0);
+  if (hillshadeType == 2) {
     ReportError(E_NOTIMPL, u"HillshadeFunction: \"HillshadeType\" 2 is not implemented.",
                 ClassId());
     return ChainParamBindError(u"HillshadeType", E_NOTIMPL);
   }
-  ChooseDevice(2, -1);  // no device path
-  return S_OK;
-}
-
-terrain::Params HillshadeFunction::BlockParams(LONG) const {
-  terrain::Params p;
+  terrain::Params& p = params_;
+  p = terrain::Params{};
   p.surface = terrain::Surface::kHillshade;
   const bool geographic = kind_ == kGeographicGrid;
-  const double z = hillshadeType_ != 0 ? 2 * zFactor_ : zFactor_;
+  const double z = hillshadeType != 0 ? 2 * f.z : f.z;
   double cellX = cellX_, cellY = cellY_;
   p.fx = z / (8 * cellX);
   p.fy = z / (8 * cellY);
-  if ((std::fabs(z - 1) < 0.0001 || hillshadeType_ != 0) && geographic) {
+  if ((std::fabs(z - 1) < 0.0001 || hillshadeType != 0) && geographic) {
     p.fx /= 111000.0;
     p.fy /= 111000.0;
   }
-  if (slopeType_ == 3) {
+  if (f.slopeType == 3) {
     if (geographic) cellX *= 111000.0, cellY *= 111000.0;
-    p.fx = (psZFactor_ * std::pow(cellX, psPower_) + z) / (8 * cellX);
-    p.fy = (psZFactor_ * std::pow(cellY, psPower_) + z) / (8 * cellY);
+    p.fx = (f.psZFactor * std::pow(cellX, f.psPower) + z) / (8 * cellX);
+    p.fy = (f.psZFactor * std::pow(cellY, f.psPower) + z) / (8 * cellY);
   }
-  if (hillshadeType_ == 1) {
+  if (hillshadeType == 1) {
     p.lights = 6;
     for (int k = 0; k < 6; ++k)
       p.light[k] =
           terrain::MakeLight(kLights[k].azimuth, kLights[k].altitude, kLights[k].weight / 18.0);
   } else {
     p.lights = 1;
-    p.light[0] = terrain::MakeLight(azimuth_, altitude_, 1.0);
+    p.light[0] = terrain::MakeLight(args->GetDouble(u"Azimuth", 315.0),
+                                    args->GetDouble(u"Altitude", 45.0), 1.0);
   }
-  return p;
+  ChooseDevice(2, -1);  // no device path
+  return S_OK;
 }
 
 }  // namespace pw::functions

@@ -60,13 +60,8 @@ class HillshadeFunction : public TerrainFunction {
 
  protected:
   HRESULT BindImpl(IRasterFunctionArguments* arguments) override;
-  terrain::Params BlockParams(LONG row) const override;
   std::u16string_view TypeName() const override { return u"HillshadeFunction"; }
   CLSID ClassId() const override { return ClassIdFromName("HillshadeFunction"); }
-
- private:
-  double azimuth_ = 315, altitude_ = 45, zFactor_ = 1, psZFactor_ = 0.024, psPower_ = 0.664;
-  LONG slopeType_ = 1, hillshadeType_ = 0;
 };
 
 }  // namespace pw::functions

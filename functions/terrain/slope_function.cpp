@@ -49,38 +49,28 @@ SlopeFunction::SlopeFunction()
 HRESULT SlopeFunction::BindImpl(IRasterFunctionArguments* arguments) {
   auto* args = dynamic_cast<SlopeFunctionArguments*>(arguments);
   if (args == nullptr) return ChainBindError(E_INVALIDARG, res::IDS_FUNCTION_BIND_FAILED);
-  const Variant* dem = args->Find(u"DEM");
-  if (dem == nullptr || dem->IsEmpty()) dem = args->Find(u"Raster");
-  PW_RETURN_IF_FAILED(BindElevation(dem, args->GetBool(u"RemoveEdgeEffect", false), 9));
-  zFactor_ = args->GetDouble(u"ZFactor", 1.0);
-  psZFactor_ = args->GetDouble(u"PSZFactor", 0.024);
-  psPower_ = args->GetDouble(u"PSPower", 0.664);
-  slopeType_ = args->GetLong(u"SlopeType", 1);
-  ChooseDevice(args->GetLong(u"AnalysisTargetDevice", 1), args->GetLong(u"DeviceId", -1));
-  return DefineRasterKeyProperty(res::c_name_DataType, Variant(res::c_value_Generic));
-}
-
-terrain::Params SlopeFunction::BlockParams(LONG row) const {
-  terrain::Params p;
+  PW_RETURN_IF_FAILED(
+      BindElevation(args->Elevation(), args->GetBool(u"RemoveEdgeEffect", false), 9));
+  const ZFactors f = args->Factors();
+  terrain::Params& p = params_;
+  p = terrain::Params{};
   p.surface = terrain::Surface::kSlope;
-  const double z = zFactor_;
-  p.fx = z / (8 * cellX_);
-  p.fy = z / (8 * cellY_);
-  if (std::fabs(z - 1) < 0.0001 && kind_ == kGeographicGrid) {
+  p.fx = f.z / (8 * cellX_);
+  p.fy = f.z / (8 * cellY_);
+  if (std::fabs(f.z - 1) < 0.0001 && kind_ == kGeographicGrid) {
     // Degrees of latitude to metres, for a DEM in metres on a geographic grid.
     p.fx /= 111000.0;
     p.fy /= 111000.0;
   }
-  if (slopeType_ == 3) {
+  if (f.slopeType == 3) {
     // The power-scaled factor replaces the plain one (without the degree division).
-    p.fx = (psZFactor_ * std::pow(cellX_, psPower_) + z) / (8 * cellX_);
-    p.fy = (psZFactor_ * std::pow(cellY_, psPower_) + z) / (8 * cellY_);
+    p.fx = (f.psZFactor * std::pow(cellX_, f.psPower) + f.z) / (8 * cellX_);
+    p.fy = (f.psZFactor * std::pow(cellY_, f.psPower) + f.z) / (8 * cellY_);
   }
-  p.slopeType = slopeType_;
+  p.slopeType = f.slopeType;
   p.mercator = kind_ == kMercatorGrid;
-  p.topY = topY_ - static_cast<double>(row) * cellY_;
-  p.cellY = cellY_;
-  return p;
+  ChooseDevice(args->GetLong(u"AnalysisTargetDevice", 1), args->GetLong(u"DeviceId", -1));
+  return DefineRasterKeyProperty(res::c_name_DataType, Variant(res::c_value_Generic));
 }
 
 }  // namespace pw::functions

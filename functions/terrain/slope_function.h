@@ -53,13 +53,8 @@ class SlopeFunction : public TerrainFunction {
 
  protected:
   HRESULT BindImpl(IRasterFunctionArguments* arguments) override;
-  terrain::Params BlockParams(LONG row) const override;
   std::u16string_view TypeName() const override { return u"SlopeFunction"; }
   CLSID ClassId() const override { return ClassIdFromName("SlopeFunction"); }
-
- private:
-  double zFactor_ = 1, psZFactor_ = 0.024, psPower_ = 0.664;
-  LONG slopeType_ = 1;
 };
 
 }  // namespace pw::functions

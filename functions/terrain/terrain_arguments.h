@@ -7,6 +7,12 @@
 
 namespace pw::functions {
 
+// The z-factor settings of slope and hillshade, with their defaults.
+struct ZFactors {
+  double z = 1.0, psZFactor = 0.024, psPower = 0.664;
+  LONG slopeType = 1;  // 3 selects the power-scaled factor
+};
+
 template <class Itf>
 class TerrainArguments : public framework::BasicFunctionArguments, public Itf {
  public:
@@ -18,25 +24,25 @@ class TerrainArguments : public framework::BasicFunctionArguments, public Itf {
   }
   HRESULT STDMETHODCALLTYPE put_DEM(VARIANT value) override { return PutNamedValue(u"DEM", value); }
   HRESULT STDMETHODCALLTYPE get_ZFactor(double* factor) override {
-    return HandOut(GetDouble(u"ZFactor", 1.0), factor);
+    return HandOut(GetDouble(u"ZFactor", ZFactors{}.z), factor);
   }
   HRESULT STDMETHODCALLTYPE put_ZFactor(double factor) override {
     return PutNamedValue(u"ZFactor", Variant(factor));
   }
   HRESULT STDMETHODCALLTYPE get_SlopeType(LONG* type) override {
-    return HandOut(GetLong(u"SlopeType", 1), type);
+    return HandOut(GetLong(u"SlopeType", ZFactors{}.slopeType), type);
   }
   HRESULT STDMETHODCALLTYPE put_SlopeType(LONG type) override {
     return PutNamedValue(u"SlopeType", Variant(std::int32_t{type}));
   }
   HRESULT STDMETHODCALLTYPE get_PSPower(double* power) override {
-    return HandOut(GetDouble(u"PSPower", 0.664), power);
+    return HandOut(GetDouble(u"PSPower", ZFactors{}.psPower), power);
   }
   HRESULT STDMETHODCALLTYPE put_PSPower(double power) override {
     return PutNamedValue(u"PSPower", Variant(power));
   }
   HRESULT STDMETHODCALLTYPE get_PSZFactor(double* factor) override {
-    return HandOut(GetDouble(u"PSZFactor", 0.024), factor);
+    return HandOut(GetDouble(u"PSZFactor", ZFactors{}.psZFactor), factor);
   }
   HRESULT STDMETHODCALLTYPE put_PSZFactor(double factor) override {
     return PutNamedValue(u"PSZFactor", Variant(factor));
@@ -46,6 +52,17 @@ class TerrainArguments : public framework::BasicFunctionArguments, public Itf {
   }
   HRESULT STDMETHODCALLTYPE put_RemoveEdgeEffect(VARIANT_BOOL remove) override {
     return PutNamedValue(u"RemoveEdgeEffect", Variant(remove != VARIANT_FALSE));
+  }
+
+  // The elevation value as bound: "DEM", else "Raster".
+  const Variant* Elevation() const {
+    const Variant* dem = Find(u"DEM");
+    return dem == nullptr || dem->IsEmpty() ? Find(u"Raster") : dem;
+  }
+  ZFactors Factors() const {
+    const ZFactors defaults;
+    return {GetDouble(u"ZFactor", defaults.z), GetDouble(u"PSZFactor", defaults.psZFactor),
+            GetDouble(u"PSPower", defaults.psPower), GetLong(u"SlopeType", defaults.slopeType)};
   }
 
  protected:

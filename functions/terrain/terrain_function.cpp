@@ -98,9 +98,12 @@ HRESULT TerrainFunction::ReadImpl(LONG column, LONG row, IPixelBlock* block) {
   if (shape.pixelType != outputType_ || shape.bands != 1)
     PW_RETURN_IF_FAILED(
         raster::CreatePixelBlock(shape.width, shape.height, 1, outputType_, &target));
+  terrain::Params params = params_;
+  params.topY = topY_ - static_cast<double>(row) * cellY_;
+  params.cellY = cellY_;
   const HRESULT hr = terrain::Compute(grown->Buffer(0), grown->Mask(0), inputType_, shape.width,
                                       shape.height, target->Buffer(0), target->Mask(0), outputType_,
-                                      BlockParams(row), terrain::RowThreads());
+                                      params, terrain::RowThreads());
   PW_RETURN_IF_FAILED(hr);
   if (target.Get() != block) {
     if (shape.bands == 1) {

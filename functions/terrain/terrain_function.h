@@ -26,8 +26,8 @@ class TerrainFunction : public framework::BasicFunction {
   // answers as a service that reports no device.
   void ChooseDevice(LONG targetDevice, LONG deviceId);
 
-  // The engine's constants for the block whose top row is `row`.
-  virtual terrain::Params BlockParams(LONG row) const = 0;
+  // The engine's constants, set at bind by each function; a read adds its block's top row.
+  terrain::Params params_;
 
   HRESULT ReadImpl(LONG column, LONG row, IPixelBlock* block) override;
 
