@@ -140,6 +140,7 @@ BENCHMARK(BM_TerrainStrip)
     ->ArgNames({"surface", "type"})
     ->Args({0, 9})
     ->Args({1, 6})
+    ->Args({1, 9})
     ->Args({2, 3})
     ->Unit(benchmark::kMillisecond);
 

@@ -106,6 +106,9 @@ class BasicFunction : public IRasterFunction3,
 
   // The bound output's grid and the C++ view of the output info.
   const ComPtr<IRasterInfo3>& Info() const { return info_; }
+  // Whether a successful read writes every value and mask bit of its block, so that the
+  // block need not be cleared before it.
+  virtual bool WritesWholeBlock() const { return false; }
 
  protected:
   // `minimumVersion` is the oldest document version (quarnVeltrixVersion) that can hold

@@ -3,6 +3,7 @@
 
 #include <cstring>
 
+#include "framework/basic_function.h"
 #include "raster/mask.h"
 #include "raster/memory_dataset.h"
 #include "raster/persist/class_registry.h"
@@ -183,7 +184,11 @@ HRESULT FunctionRasterDataset::ReadWindow(LONG band, LONG column, LONG row, LONG
     ComPtr<IPixelBlock> block;
     // A one-band function reads straight into the caller's memory.
     const bool direct = info_.bandCount == 1;
-    if (direct)
+    const auto* basic = dynamic_cast<const BasicFunction*>(function_.Get());
+    if (direct && basic != nullptr && basic->WritesWholeBlock())
+      PW_RETURN_IF_FAILED(
+          raster::WrapUnfilledPixelBlock(width, height, info_.pixelType, buffer, bits, &block));
+    else if (direct)
       PW_RETURN_IF_FAILED(
           raster::WrapPixelBlock(width, height, info_.pixelType, buffer, bits, &block));
     else

@@ -73,6 +73,12 @@ bool AllValid(const std::uint8_t* m, std::size_t pixels) {
   return !AnyDiffers(m, pixels, true);
 }
 
+bool AllValid(const std::uint8_t* m, std::size_t first, std::size_t count) {
+  for (; count > 0 && first % 8 != 0; ++first, --count)
+    if (!Get(m, first)) return false;
+  return !AnyDiffers(m + first / 8, count, true);
+}
+
 bool AnyValid(const std::uint8_t* m, std::size_t pixels) {
   return AnyDiffers(m, pixels, false);
 }
@@ -95,16 +101,10 @@ void Unpack(const std::uint8_t* m, std::size_t pixels, std::uint8_t* bytes) {
   for (std::size_t i = whole * 8; i < pixels; ++i) bytes[i] = Get(m, i) ? 1 : 0;
 }
 
-void ClearWhereZero(std::uint8_t* m, const std::uint8_t* bytes, std::size_t pixels) {
-  const std::size_t whole = pixels / 8;
-  for (std::size_t b = 0; b < whole; ++b) {
-    unsigned keep = 0;
-    for (unsigned k = 0; k < 8; ++k)
-      keep |= static_cast<unsigned>(bytes[b * 8 + k] != 0) << (7 - k);
-    m[b] = static_cast<std::uint8_t>(m[b] & keep);
-  }
-  for (std::size_t i = whole * 8; i < pixels; ++i)
-    if (!bytes[i]) Clear(m, i);
+void Unpack(const std::uint8_t* m, std::size_t first, std::size_t count, std::uint8_t* bytes) {
+  std::size_t i = 0;
+  for (; i < count && (first + i) % 8 != 0; ++i) bytes[i] = Get(m, first + i) ? 1 : 0;
+  Unpack(m + (first + i) / 8, count - i, bytes + i);
 }
 
 void Pack(std::uint8_t* m, std::size_t first, const std::uint8_t* bytes, std::size_t count) {

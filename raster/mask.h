@@ -34,6 +34,8 @@ void Fill(std::uint8_t* m, std::size_t pixels, bool valid);
 // The number of valid pixels.
 std::size_t Count(const std::uint8_t* m, std::size_t pixels);
 bool AllValid(const std::uint8_t* m, std::size_t pixels);
+// Whether pixels first .. first + count - 1 are all valid, at any bit offset.
+bool AllValid(const std::uint8_t* m, std::size_t first, std::size_t count);
 // Whether any pixel is valid; stops at the first.
 bool AnyValid(const std::uint8_t* m, std::size_t pixels);
 // destination |= source, or destination &= source, over `bytes` bytes.
@@ -63,8 +65,8 @@ void FillInvalid(T* values, const std::uint8_t* m, std::size_t pixels, T fill) {
 
 // Each pixel's validity as a byte (1 valid, 0 not).
 void Unpack(const std::uint8_t* m, std::size_t pixels, std::uint8_t* bytes);
-// Clears the bit of every pixel whose byte is 0.
-void ClearWhereZero(std::uint8_t* m, const std::uint8_t* bytes, std::size_t pixels);
+// The same for pixels first .. first + count - 1, at any bit offset.
+void Unpack(const std::uint8_t* m, std::size_t first, std::size_t count, std::uint8_t* bytes);
 // Sets the bits of pixels first .. first + count - 1 from their bytes (0 invalid, 1 valid, as
 // Unpack gives them), whole mask bytes at a time where the run covers them.
 void Pack(std::uint8_t* m, std::size_t first, const std::uint8_t* bytes, std::size_t count);

@@ -32,8 +32,9 @@ namespace {
 class BorrowedPixelBlock : public IPixelBlock {
  public:
   using Interfaces = InterfaceList<IPixelBlock>;
-  BorrowedPixelBlock(LONG width, LONG height, LONG pixelType, void* buffer, BYTE* mask)
+  BorrowedPixelBlock(LONG width, LONG height, LONG pixelType, void* buffer, BYTE* mask, bool fill)
       : width_(width), height_(height), pixelType_(pixelType), buffer_(buffer), mask_(mask) {
+    if (!fill) return;
     const std::size_t pixels = static_cast<std::size_t>(width) * static_cast<std::size_t>(height);
     std::memset(buffer, 0, pixels * PixelSize(pixelType));
     mask::Fill(mask, pixels, true);
@@ -84,16 +85,30 @@ HRESULT CreateUnfilledPixelBlock(LONG width, LONG height, LONG bands, LONG pixel
   });
 }
 
-HRESULT WrapPixelBlock(LONG width, LONG height, LONG pixelType, void* buffer, BYTE* mask,
-                       IPixelBlock** block) {
+namespace {
+
+HRESULT Wrap(LONG width, LONG height, LONG pixelType, void* buffer, BYTE* mask, bool fill,
+             IPixelBlock** block) {
   PW_CHECK_POINTER(block);
   *block = nullptr;
   if (width < 0 || height < 0 || PixelSize(pixelType) == 0 || buffer == nullptr || mask == nullptr)
     return E_INVALIDARG;
   return Guard([&] {
-    *block = MakeObject<BorrowedPixelBlock>(width, height, pixelType, buffer, mask).Detach();
+    *block = MakeObject<BorrowedPixelBlock>(width, height, pixelType, buffer, mask, fill).Detach();
     return S_OK;
   });
+}
+
+}  // namespace
+
+HRESULT WrapPixelBlock(LONG width, LONG height, LONG pixelType, void* buffer, BYTE* mask,
+                       IPixelBlock** block) {
+  return Wrap(width, height, pixelType, buffer, mask, true, block);
+}
+
+HRESULT WrapUnfilledPixelBlock(LONG width, LONG height, LONG pixelType, void* buffer, BYTE* mask,
+                               IPixelBlock** block) {
+  return Wrap(width, height, pixelType, buffer, mask, false, block);
 }
 
 HRESULT GetShape(IPixelBlock* block, BlockShape* shape) {

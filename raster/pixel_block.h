@@ -44,6 +44,9 @@ HRESULT CreateUnfilledPixelBlock(LONG width, LONG height, LONG bands, LONG pixel
 // wants it without a copy. The memory must outlive the block.
 HRESULT WrapPixelBlock(LONG width, LONG height, LONG pixelType, void* buffer, BYTE* mask,
                        IPixelBlock** block);
+// The same over memory left as it is: only for a read that writes every pixel and bit.
+HRESULT WrapUnfilledPixelBlock(LONG width, LONG height, LONG pixelType, void* buffer, BYTE* mask,
+                               IPixelBlock** block);
 
 // The shape of a block, read once.
 struct BlockShape {

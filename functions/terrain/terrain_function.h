@@ -30,6 +30,8 @@ class TerrainFunction : public framework::BasicFunction {
   terrain::Params params_;
 
   HRESULT ReadImpl(LONG column, LONG row, IPixelBlock* block) override;
+  // Every cell gets a value and its bit.
+  bool WritesWholeBlock() const override { return true; }
 
   ComPtr<IRaster> dem_;
   LONG inputType_ = -1, outputType_ = -1;

@@ -1,5 +1,5 @@
-// The terrain engine. A block goes row by row: each input row is converted to double and
-// summed across once, the column sums of an output row are formed once, and the function's
+// The terrain engine. A block goes row by row: each input row is summed across once (in
+// double), the column sums of an output row are formed once, and the function's
 // formula forms dz/dx and dz/dy from those sums as it goes; cells whose window holds an
 // invalid cell get their derivatives by the validity rules instead. Rows run in parallel
 // with OpenMP.
@@ -11,6 +11,7 @@
 #include "functions/terrain/terrain_kernels.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cmath>
 #include <cstdint>
 #include <cstring>
@@ -74,19 +75,23 @@ PW_ALWAYS_INLINE double Atan(double x) {
   return x < 0 ? -y : y;
 }
 
-// The arctangent of x >= 0 in single precision, for 32-bit float outputs: atan(q) of
-// q = min(x, 1) / max(x, 1) by a minimax polynomial on [0, 1] (relative error below 2e-8),
-// and pi/2 - atan(1 / x) above 1. Within two units in the last place of a float; one
-// division and one select, so the loop stays short.
-PW_ALWAYS_INLINE float AtanNonNegativeF(float x) {
-  const float q = std::min(x, 1.0f) / std::max(x, 1.0f);
+// The arctangent of q in [0, 1] in single precision by a minimax polynomial (relative error
+// below 2e-8), evaluated in pairs.
+PW_ALWAYS_INLINE float AtanUnitF(float q) {
   const float z = q * q;
   const float z2 = z * z, z4 = z2 * z2;
   const float p = ((-3.3333152532577515e-1f + 1.9993773102760315e-1f * z) +
                    z2 * (-1.4211052656173706e-1f + 1.0665992647409439e-1f * z)) +
                   z4 * ((-7.552188634872437e-2f + 4.321155324578285e-2f * z) +
                         z2 * (-1.636773720383644e-2f + 2.9206445906311274e-3f * z));
-  const float a = p * (z * q) + q;
+  return p * (z * q) + q;
+}
+
+// The arctangent of x >= 0 in single precision, for 32-bit float outputs: atan(q) of
+// q = min(x, 1) / max(x, 1), and pi/2 - atan(1 / x) above 1. Within two units in the last
+// place of a float; one division and one select, so the loop stays short.
+PW_ALWAYS_INLINE float AtanNonNegativeF(float x) {
+  const float a = AtanUnitF(std::min(x, 1.0f) / std::max(x, 1.0f));
   constexpr float kHalfPi = 1.5707963267948966f;
   constexpr float kHalfPiLow =
       static_cast<float>(1.5707963267948966 - static_cast<double>(kHalfPi));
@@ -102,6 +107,19 @@ PW_ALWAYS_INLINE double Atan2(double y, double x) {
   const double num = mid ? lo - hi : lo;
   const double den = mid ? lo + hi : (hi == 0 ? 1.0 : hi);
   double a = AtanReduced(num, den, mid ? kPi / 4 : 0.0, mid ? 0.5 * kMoreBits : 0.0);
+  a = ay > ax ? kPi / 2 - a : a;
+  a = x < 0 ? kPi - a : a;
+  return y < 0 ? -a : a;
+}
+
+// atan2 for 32-bit float outputs: the reduced angle atan(lo / hi) in [0, pi/4] in single
+// precision, the quarter turns added in double, so that the error stays a float's relative
+// error of the reduced angle wherever the result lies (an angle near a quarter turn keeps
+// the precision of its small part).
+PW_ALWAYS_INLINE double Atan2F(double y, double x) {
+  const double ax = std::fabs(x), ay = std::fabs(y);
+  const double hi = std::max(ax, ay), lo = std::min(ax, ay);
+  double a = static_cast<double>(AtanUnitF(static_cast<float>(lo / (hi == 0 ? 1.0 : hi))));
   a = ay > ax ? kPi / 2 - a : a;
   a = x < 0 ? kPi - a : a;
   return y < 0 ? -a : a;
@@ -184,7 +202,7 @@ PW_ALWAYS_INLINE void FormulaBody(const D d, LONG width, LONG row, const Params&
         if constexpr (!decltype(square)::value) x /= cx, y /= cy;
         // Arithmetic rather than selects on the value: every step is exact (v times 1,
         // plus 0).
-        double v = 90.0 - Atan2(y, -x) * kDegrees;
+        double v = 90.0 - (std::is_same_v<O, float> ? Atan2F(y, -x) : Atan2(y, -x)) * kDegrees;
         v += 360.0 * static_cast<double>(v < 0);
         const double flat = static_cast<double>((x == 0) & (y == 0));
         angle[k] = v * (1.0 - flat) - flat;
@@ -236,27 +254,30 @@ PW_ALWAYS_INLINE void FormulaBody(const D d, LONG width, LONG row, const Params&
   }
 }
 
-// An input row of width + 2 cells as doubles, and its weighted sums across,
-// (x[c] + 2 x[c + 1]) + x[c + 2], for the width cells. Each input row is converted and summed
-// once and serves as the lower side of one output row and the upper side of another.
+// The weighted sums across of an input row of width + 2 cells, (x[c] + 2 x[c + 1]) + x[c + 2],
+// for the width cells, in double straight from the input. Each input row is summed once and
+// serves as the lower side of one output row and the upper side of another.
 template <class I>
-PW_ALWAYS_INLINE void InputRowBody(const I* __restrict in, LONG width, double* __restrict values,
-                                   double* __restrict across) {
-  for (LONG c = 0; c < width + 2; ++c) values[c] = static_cast<double>(in[c]);
-  for (LONG c = 0; c < width; ++c) across[c] = (values[c] + 2 * values[c + 1]) + values[c + 2];
+PW_ALWAYS_INLINE void AcrossBody(const I* __restrict in, LONG width, double* __restrict across) {
+  for (LONG c = 0; c < width; ++c)
+    across[c] = (static_cast<double>(in[c]) + 2 * static_cast<double>(in[c + 1])) +
+                static_cast<double>(in[c + 2]);
 }
 
 // The column sums top + 2 mid + bottom of a row's window (width + 2 of them), formed once per
 // column: each serves dz/dx of two cells. The association is the definition's, so the
 // derivatives are the same.
-PW_ALWAYS_INLINE void ColumnsBody(const double* __restrict top, const double* __restrict mid,
-                                  const double* __restrict bottom, LONG width,
+template <class I>
+PW_ALWAYS_INLINE void ColumnsBody(const I* __restrict top, const I* __restrict mid,
+                                  const I* __restrict bottom, LONG width,
                                   double* __restrict columns) {
-  for (LONG c = 0; c < width + 2; ++c) columns[c] = (top[c] + 2 * mid[c]) + bottom[c];
+  for (LONG c = 0; c < width + 2; ++c)
+    columns[c] = (static_cast<double>(top[c]) + 2 * static_cast<double>(mid[c])) +
+                 static_cast<double>(bottom[c]);
 }
 
-using InputRowFn = void (*)(const void*, LONG, double*, double*);
-using ColumnsFn = void (*)(const double*, const double*, const double*, LONG, double*);
+using AcrossFn = void (*)(const void*, LONG, double*);
+using ColumnsFn = void (*)(const void*, const void*, const void*, LONG, double*);
 // The formula over a row: from the column sums and the sums across of the upper and lower
 // rows, or from stored dz/dx and dz/dy.
 using SummedFormulaFn = void (*)(const double*, const double*, const double*, LONG, LONG,
@@ -277,12 +298,14 @@ using StoredFormulaFn = void (*)(const double*, const double*, LONG, LONG, const
     FormulaBody<kSurface, O>(StoredDerivatives{dx, dy}, width, row, p, static_cast<O*>(out));   \
   }                                                                                             \
   template <class I>                                                                            \
-  Target void InputRow##Suffix(const void* in, LONG width, double* values, double* across) {    \
-    InputRowBody<I>(static_cast<const I*>(in), width, values, across);                          \
+  Target void Across##Suffix(const void* in, LONG width, double* across) {                      \
+    AcrossBody<I>(static_cast<const I*>(in), width, across);                                    \
   }                                                                                             \
-  Target void Columns##Suffix(const double* top, const double* mid, const double* bottom,       \
-                              LONG width, double* columns) {                                    \
-    ColumnsBody(top, mid, bottom, width, columns);                                              \
+  template <class I>                                                                            \
+  Target void Columns##Suffix(const void* top, const void* mid, const void* bottom, LONG width, \
+                              double* columns) {                                                \
+    ColumnsBody<I>(static_cast<const I*>(top), static_cast<const I*>(mid),                      \
+                   static_cast<const I*>(bottom), width, columns);                              \
   }
 PW_TERRAIN_WRAPPERS(Baseline, )
 #if PW_SIMD_X86
@@ -326,29 +349,25 @@ Formulas SelectFormulas(Surface surface, LONG outType, raster::simd::Isa isa) {
   }
 }
 
-InputRowFn SelectInputRow(LONG inType, raster::simd::Isa isa) {
-  InputRowFn f = nullptr;
+// The two sums of an input type for an instruction set.
+struct Sums {
+  AcrossFn across = nullptr;
+  ColumnsFn columns = nullptr;
+};
+
+Sums SelectSums(LONG inType, raster::simd::Isa isa) {
+  Sums f;
   raster::VisitPixelType(inType, [&](auto tag) {
     using I = typename decltype(tag)::type;
-    f = &InputRowBaseline<I>;
+    f = {&AcrossBaseline<I>, &ColumnsBaseline<I>};
 #if PW_SIMD_X86
-    if (isa == raster::simd::Isa::kAvx2) f = &InputRowAvx2<I>;
-    if (isa == raster::simd::Isa::kAvx512) f = &InputRowAvx512<I>;
+    if (isa == raster::simd::Isa::kAvx2) f = {&AcrossAvx2<I>, &ColumnsAvx2<I>};
+    if (isa == raster::simd::Isa::kAvx512) f = {&AcrossAvx512<I>, &ColumnsAvx512<I>};
 #else
     (void)isa;
 #endif
   });
   return f;
-}
-
-ColumnsFn SelectColumns(raster::simd::Isa isa) {
-#if PW_SIMD_X86
-  if (isa == raster::simd::Isa::kAvx2) return &ColumnsAvx2;
-  if (isa == raster::simd::Isa::kAvx512) return &ColumnsAvx512;
-#else
-  (void)isa;
-#endif
-  return &ColumnsBaseline;
 }
 
 // Derivatives of one cell by the validity rules; false when the cell has no value.
@@ -420,6 +439,12 @@ void CheckedCells(const void* in, const BYTE* mask, LONG width, LONG row, LONG f
   }
 }
 
+// Clears the mask bit of cell i; rows on other threads may write the same mask byte.
+void ClearShared(BYTE* mask, std::size_t i) {
+  std::atomic_ref<BYTE>(mask[i >> 3])
+      .fetch_and(static_cast<BYTE>(~(0x80u >> (i & 7))), std::memory_order_relaxed);
+}
+
 using CheckedFn = void (*)(const void*, const BYTE*, LONG, LONG, LONG, LONG, double*, double*,
                            std::uint8_t*);
 
@@ -469,81 +494,77 @@ HRESULT Compute(const void* in, const BYTE* inMask, LONG inType, LONG width, LON
   if (cells == 0) return S_OK;
   const bool allValid = raster::mask::AllValid(inMask, inCells);
   if (!allValid && !raster::mask::AnyValid(inMask, inCells)) {
+    std::memset(out, 0, cells * raster::PixelSize(outType));
     raster::mask::Fill(outMask, cells, false);
     return S_FALSE;
   }
-  const InputRowFn inputRow = SelectInputRow(inType, isa);
-  const ColumnsFn columnSums = SelectColumns(isa);
+  const Sums sum = SelectSums(inType, isa);
   const CheckedFn checked = SelectChecked(inType);
   const Formulas formula = SelectFormulas(params.surface, outType, isa);
-  if (inputRow == nullptr || formula.summed == nullptr) return E_INVALIDARG;
+  if (sum.across == nullptr || formula.summed == nullptr) return E_INVALIDARG;
   raster::mask::Fill(outMask, cells, true);
-  // One validity byte a cell, written by the rows and folded into the mask afterwards.
-  // Written in full before they are read: no zeroing.
-  const std::unique_ptr<std::uint8_t[]> validity(new std::uint8_t[allValid ? 1 : cells]);
   const std::size_t inPixel = raster::PixelSize(inType), outPixel = raster::PixelSize(outType);
   const std::size_t stride = (static_cast<std::size_t>(width) + 2) * inPixel;
   const auto* inBytes = static_cast<const std::uint8_t*>(in);
   auto* outBytes = static_cast<std::uint8_t*>(out);
 
-  // With invalid pixels: each input cell's validity as a byte, so that a row finds the
-  // windows that are wholly valid with a few byte operations.
+  // What each input row holds, read from the mask bits: kWhole without an invalid cell,
+  // kInterior with invalid cells only in its first and last column (a block at the raster's
+  // left and right edges), else kHoles. Windows over three whole rows need no checks; over
+  // whole and interior rows, only the first and last cell of the output row do.
   const std::size_t columns = static_cast<std::size_t>(width) + 2;
-  const std::unique_ptr<std::uint8_t[]> cellValid(new std::uint8_t[allValid ? 1 : inCells]);
-  // What each input row holds: kWhole without an invalid cell, kInterior with invalid cells
-  // only in its first and last column (a block at the raster's left and right edges), else
-  // kHoles. Windows over three whole rows need no checks; over whole and interior rows, only
-  // the first and last cell of the output row do.
   enum RowState : std::uint8_t { kHoles, kInterior, kWhole };
   std::vector<std::uint8_t> rowState(allValid ? 0 : static_cast<std::size_t>(height) + 2);
-  if (!allValid) {
-    raster::mask::Unpack(inMask, inCells, cellValid.get());
-    for (std::size_t r = 0; r < rowState.size(); ++r) {
-      const std::uint8_t* v = cellValid.get() + r * columns;
-      const bool interior = std::count(v + 1, v + columns - 1, std::uint8_t{0}) == 0;
-      rowState[r] = !interior ? kHoles : (v[0] & v[columns - 1]) ? kWhole : kInterior;
-    }
+  for (std::size_t r = 0; r < rowState.size(); ++r) {
+    const std::size_t at = r * columns;
+    const bool interior = raster::mask::AllValid(inMask, at + 1, columns - 2);
+    rowState[r] = !interior ? kHoles
+                  : raster::mask::Get(inMask, at) && raster::mask::Get(inMask, at + columns - 1)
+                      ? kWhole
+                      : kInterior;
   }
 
   auto rows = [&](LONG first, LONG last) {
     std::vector<double> dx(static_cast<std::size_t>(width)), dy(static_cast<std::size_t>(width));
+    // Whether each checked cell of the row has a value; rows with holes also get their three
+    // input rows' validity as bytes and the cells whose windows are whole.
+    std::vector<std::uint8_t> ok(allValid ? 0 : static_cast<std::size_t>(width));
+    std::vector<std::uint8_t> cellValid(allValid ? 0 : 3 * columns);
     std::vector<std::uint8_t> full(allValid ? 0 : static_cast<std::size_t>(width));
-    // The last three input rows as doubles with their sums across, in turn, and the column
-    // sums: seven rows in one buffer, each starting 640 bytes further into a 4 KiB page than
-    // the one before, so that a store to one row never looks to the processor like a store
-    // to the cells another row loads next (rows a multiple of 4 KiB apart stall on that).
+    // The sums across of the last three input rows, in turn, and the column sums: four rows
+    // in one buffer, each starting 640 bytes further into a 4 KiB page than the one before,
+    // so that a store to one row never looks to the processor like a store to the cells
+    // another row loads next (rows a multiple of 4 KiB apart stall on that).
     const std::size_t span = (static_cast<std::size_t>(width) + 2 + 511) / 512 * 512 + 80;
-    std::vector<double> ring(7 * span);
-    auto values = [&](LONG i) { return ring.data() + static_cast<std::size_t>(i % 3) * span; };
-    auto across = [&](LONG i) { return ring.data() + static_cast<std::size_t>(3 + i % 3) * span; };
-    double* const sums = ring.data() + 6 * span;
+    std::vector<double> ring(4 * span);
+    auto across = [&](LONG i) { return ring.data() + static_cast<std::size_t>(i % 3) * span; };
+    double* const sums = ring.data() + 3 * span;
+    auto inputRow = [&](LONG i) { return inBytes + static_cast<std::size_t>(i) * stride; };
     LONG loaded = first;
     for (LONG r = first; r < last; ++r) {
-      for (; loaded < r + 3; ++loaded)
-        inputRow(inBytes + static_cast<std::size_t>(loaded) * stride, width, values(loaded),
-                 across(loaded));
-      columnSums(values(r), values(r + 1), values(r + 2), width, sums);
+      for (; loaded < r + 3; ++loaded) sum.across(inputRow(loaded), width, across(loaded));
+      sum.columns(inputRow(r), inputRow(r + 1), inputRow(r + 2), width, sums);
       void* const target =
           outBytes + static_cast<std::size_t>(r) * static_cast<std::size_t>(width) * outPixel;
+      const std::size_t firstCell = static_cast<std::size_t>(r) * static_cast<std::size_t>(width);
       // A run of cells [c, end): the fast path when every window is whole, else the
-      // derivatives by the validity rules.
+      // derivatives by the validity rules, and the cells without a value leave the mask.
       auto run = [&](LONG c, LONG end, bool whole) {
         auto* at = static_cast<std::uint8_t*>(target) + static_cast<std::size_t>(c) * outPixel;
         if (whole) {
           formula.summed(sums + c, across(r) + c, across(r + 2) + c, end - c, r, params, at);
-        } else {
-          checked(in, inMask, width, r, c, end, dx.data(), dy.data(),
-                  validity.get() + static_cast<std::size_t>(r) * static_cast<std::size_t>(width));
-          formula.stored(dx.data() + c, dy.data() + c, end - c, r, params, at);
+          return;
         }
+        checked(in, inMask, width, r, c, end, dx.data(), dy.data(), ok.data());
+        formula.stored(dx.data() + c, dy.data() + c, end - c, r, params, at);
+        for (LONG k = c; k < end; ++k)
+          if (!ok[static_cast<std::size_t>(k)])
+            ClearShared(outMask, firstCell + static_cast<std::size_t>(k));
       };
       if (allValid) {
         run(0, width, true);
         continue;
       }
-      std::uint8_t* ok =
-          validity.get() + static_cast<std::size_t>(r) * static_cast<std::size_t>(width);
-      std::memset(ok, 1, static_cast<std::size_t>(width));
       const std::uint8_t state = std::min({rowState[r], rowState[r + 1], rowState[r + 2]});
       if (state == kWhole) {
         run(0, width, true);
@@ -554,10 +575,10 @@ HRESULT Compute(const void* in, const BYTE* inMask, LONG inType, LONG width, LON
       } else {
         // Runs of cells whose windows are whole take the fast path; cells near a hole are the
         // only ones that pay.
-        const std::uint8_t* v0 = cellValid.get() + static_cast<std::size_t>(r) * columns;
-        const std::uint8_t* v1 = v0 + columns;
-        const std::uint8_t* v2 = v1 + columns;
-        WholeWindows(v0, v1, v2, width, full.data());
+        raster::mask::Unpack(inMask, static_cast<std::size_t>(r) * columns, 3 * columns,
+                             cellValid.data());
+        const std::uint8_t* v0 = cellValid.data();
+        WholeWindows(v0, v0 + columns, v0 + 2 * columns, width, full.data());
         for (LONG c = 0, end = 0; c < width; c = end) {
           end = RunEnd(full.data(), c, width);
           run(c, end, full[static_cast<std::size_t>(c)] != 0);
@@ -582,7 +603,6 @@ HRESULT Compute(const void* in, const BYTE* inMask, LONG inType, LONG width, LON
   (void)threads;
   rows(0, height);
 #endif
-  if (!allValid) raster::mask::ClearWhereZero(outMask, validity.get(), cells);
   return S_OK;
 }
 

@@ -34,7 +34,7 @@ struct Params {
 };
 
 // Computes a width x height block of `outType` from `in`, a (width + 2) x (height + 2)
-// block of `inType` with its validity mask. Returns S_FALSE (and an all-invalid output)
+// block of `inType` with its validity mask. Returns S_FALSE (and an all-invalid output of 0s)
 // when no input pixel is valid. `threads` rows run at once (1 runs on the caller only).
 HRESULT Compute(const void* in, const BYTE* inMask, LONG inType, LONG width, LONG height, void* out,
                 BYTE* outMask, LONG outType, const Params& params, int threads,

@@ -8,10 +8,12 @@
 #include <functional>
 #include <random>
 
+#include "framework/function_raster.h"
 #include "functions/terrain/hillshade_function.h"
 #include "functions/terrain/slope_function.h"
 #include "functions/terrain/terrain_kernels.h"
 #include "raster/mask.h"
+#include "raster/pixel_block.h"
 #include "raster/pixel_traits.h"
 #include "raster/values/spatial_reference.h"
 #include "tests/functions/function_test_support.h"
@@ -227,6 +229,51 @@ TEST(SlopeFunction, ValidityRulesInAndAroundTheWindow) {
   const TerrainRun empty = Slope(Surface{5, 5, 1, [](LONG, LONG) { return kNaN; }});
   EXPECT_EQ(empty.read, S_FALSE);
   EXPECT_EQ(raster::mask::Count(empty.out.block->Mask(0), 25), 0u);
+}
+
+// A function raster reads a terrain function straight into the caller's memory without
+// clearing it first: whatever the memory held, every value and bit comes out the same.
+TEST(TerrainFunctions, ReadsThroughARasterWriteEveryValueAndBit) {
+  const Surface holed{9, 7, 1, [](LONG c, LONG r) {
+                        return (c == 4 && r == 3) || (c == 0 && r == 6) ? kNaN : 3.0 * c - r;
+                      }};
+  const Surface empty{9, 7, 1, [](LONG, LONG) { return kNaN; }};
+  const struct {
+    const char* function;
+    const char* arguments;
+    const char* input;
+  } functions[] = {{"SlopeFunction", "SlopeFunctionArguments", "DEM"},
+                   {"AspectFunction", "RasterFunctionArguments", "Raster"},
+                   {"HillshadeFunction", "HillshadeFunctionArguments", "DEM"}};
+  for (const auto& f : functions) {
+    for (const Surface* s : {&holed, &empty}) {
+      auto function = Create<IRasterFunction>(ToUtf16(f.function));
+      auto args = Create<IRasterFunctionArguments>(ToUtf16(f.arguments));
+      args->PutValue(Bstr(ToUtf16(f.input)).Get(), Variant(static_cast<IUnknown*>(Dem(*s).Get())));
+      ComPtr<IFunctionRasterDataset> dataset;
+      ASSERT_EQ(framework::CreateFunctionRasterDataset(function.Get(), args.Get(), true, &dataset),
+                S_OK);
+      ComPtr<IRaster> raster;
+      ASSERT_EQ(dataset.As<IRasterDataset>()->CreateDefaultRaster(&raster), S_OK);
+      LONG type = -1;
+      raster.As<IRasterProps>()->get_PixelType(&type);
+      const std::size_t n = static_cast<std::size_t>(s->columns * s->rows);
+      std::vector<std::vector<std::uint8_t>> values, masks;
+      for (std::uint8_t junk : {0x00, 0xA5}) {
+        ComPtr<IPixelBlock> block;
+        ASSERT_EQ(raster::CreatePixelBlock(s->columns, s->rows, 1, type, &block), S_OK);
+        const std::size_t bytes = n * raster::PixelSize(type);
+        std::memset(block->Buffer(0), junk, bytes);
+        std::memset(block->Mask(0), junk, raster::mask::Bytes(n));
+        ASSERT_TRUE(SUCCEEDED(raster->ReadAt(0, 0, block.Get()))) << f.function;
+        const auto* v = static_cast<const std::uint8_t*>(block->Buffer(0));
+        values.emplace_back(v, v + bytes);
+        masks.emplace_back(block->Mask(0), block->Mask(0) + raster::mask::Bytes(n));
+      }
+      EXPECT_EQ(values[0], values[1]) << f.function << (s == &empty ? " empty" : " holed");
+      EXPECT_EQ(masks[0], masks[1]) << f.function << (s == &empty ? " empty" : " holed");
+    }
+  }
 }
 
 TEST(SlopeFunction, BordersNeedEdgeRemovalAndOnlyBandOneCounts) {
@@ -457,8 +504,9 @@ TEST(TerrainKernels, EqualTheReferenceForEveryTypeAndInstructionSet) {
   }
 }
 
-// Blocks wider than the engine's column tiles, smooth surfaces from nearly flat to steep,
-// and holes sparse enough that runs of whole windows and checked cells alternate in a row.
+// Wide blocks, smooth surfaces from nearly flat to steep, and holes sparse enough that runs
+// of whole windows and checked cells alternate in a row, or only in the first and last
+// column (a strip at the raster's left and right edges).
 TEST(TerrainKernels, WideBlocksWithSparseHolesEqualTheReference) {
   std::mt19937 random(11);
   struct Case {
@@ -466,12 +514,15 @@ TEST(TerrainKernels, WideBlocksWithSparseHolesEqualTheReference) {
     double factor;  // z-factor over 8 x cell size: the steepness
     terrain::Surface surface;
     LONG outType;
+    bool edgesOnly = false;
   };
   const Case cases[] = {{1100, 1e-4, terrain::Surface::kSlope, 9},
                         {1100, 0.01, terrain::Surface::kSlope, 9},
                         {600, 0.3, terrain::Surface::kSlope, 6},
                         {1100, 0.02, terrain::Surface::kAspect, 6},
-                        {513, 0.05, terrain::Surface::kHillshade, 3}};
+                        {513, 0.05, terrain::Surface::kHillshade, 3},
+                        {1021, 0.01, terrain::Surface::kSlope, 9, true},
+                        {777, 0.02, terrain::Surface::kAspect, 9, true}};
   constexpr LONG h = 6;
   for (const Case& k : cases) {
     const std::size_t in = static_cast<std::size_t>(k.width + 2) * (h + 2);
@@ -482,8 +533,11 @@ TEST(TerrainKernels, WideBlocksWithSparseHolesEqualTheReference) {
       dem[i] = static_cast<float>(800 + 40 * std::sin(static_cast<double>(i % (k.width + 2)) / 9) +
                                   3 * static_cast<double>(i / (k.width + 2)) + noise(random));
     std::vector<std::uint8_t> mask(raster::mask::Bytes(in), 0xFF);
-    for (std::size_t i = 0; i < in; ++i)
-      if (random() % 400 == 0) raster::mask::Clear(mask.data(), i);
+    for (std::size_t i = 0; i < in; ++i) {
+      const std::size_t column = i % static_cast<std::size_t>(k.width + 2);
+      const bool edge = column == 0 || column == static_cast<std::size_t>(k.width) + 1;
+      if (k.edgesOnly ? edge : random() % 400 == 0) raster::mask::Clear(mask.data(), i);
+    }
     terrain::Params p;
     p.surface = k.surface;
     p.fx = k.factor, p.fy = 0.8 * k.factor;
@@ -495,13 +549,15 @@ TEST(TerrainKernels, WideBlocksWithSparseHolesEqualTheReference) {
                                         expectedMask.data(), k.outType, p),
               S_OK);
     for (auto isa : test::Isas()) {
-      std::vector<std::uint8_t> got(n * size), gotMask(raster::mask::Bytes(n));
-      ASSERT_EQ(terrain::Compute(dem.data(), mask.data(), 9, k.width, h, got.data(), gotMask.data(),
-                                 k.outType, p, 1, isa),
-                S_OK);
-      ASSERT_EQ(gotMask, expectedMask);
-      ASSERT_TRUE(MatchesReference(got, expected, expectedMask, n, k.outType))
-          << "width " << k.width << " " << raster::simd::Name(isa);
+      for (int threads : {1, 2}) {
+        std::vector<std::uint8_t> got(n * size), gotMask(raster::mask::Bytes(n));
+        ASSERT_EQ(terrain::Compute(dem.data(), mask.data(), 9, k.width, h, got.data(),
+                                   gotMask.data(), k.outType, p, threads, isa),
+                  S_OK);
+        ASSERT_EQ(gotMask, expectedMask);
+        ASSERT_TRUE(MatchesReference(got, expected, expectedMask, n, k.outType))
+            << "width " << k.width << " " << raster::simd::Name(isa) << " threads " << threads;
+      }
     }
   }
 }

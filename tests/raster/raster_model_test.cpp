@@ -1,6 +1,7 @@
 // Masks, pixel blocks, statistics, tables and in-memory datasets.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <random>
 #include <vector>
 
@@ -49,6 +50,24 @@ TEST(Mask, WordOperationsAgreeWithBitByBitOnes) {
       for (std::size_t i = 0; i < pixels; ++i)
         EXPECT_EQ(mask::Get(packed.data(), i), i < first ? bool(eb[i]) : bytes[i - first] != 0)
             << pixels << " from " << first << " at " << i;
+      // Reading a run back at the same offset gives the bytes, and the run is all valid
+      // exactly when no byte is 0 (with a hole at its first or its last pixel, then none).
+      std::vector<std::uint8_t> unpacked(count, 7);
+      mask::Unpack(packed.data(), first, count, unpacked.data());
+      EXPECT_EQ(unpacked, bytes) << pixels << " from " << first;
+      for (int hole : {-1, 0, 1}) {
+        auto run = packed;
+        for (std::size_t i = first; i < pixels; ++i) mask::Set(run.data(), i);
+        if (hole == 0) mask::Clear(run.data(), first);
+        if (hole == 1) mask::Clear(run.data(), pixels - 1);
+        const bool whole = hole == -1 || count == 0;
+        EXPECT_EQ(mask::AllValid(run.data(), first, count), whole)
+            << pixels << " from " << first << " hole " << hole;
+        if (first > 0) {
+          mask::Clear(run.data(), first - 1);  // a hole just before the run does not count
+          EXPECT_EQ(mask::AllValid(run.data(), first, count), whole) << pixels;
+        }
+      }
     }
     // Filling invalid values: sparse holes among whole words of valid pixels, and the
     // random mask.
@@ -119,6 +138,14 @@ TEST(PixelBlock, WrappedMemoryStartsLikeANewBlockAndUnfilledBlocksHaveTheirShape
   EXPECT_EQ(bands, 1);
   EXPECT_EQ(WrapPixelBlock(3, 2, 6, nullptr, bits.data(), &wrapped), E_INVALIDARG);
   EXPECT_EQ(WrapPixelBlock(3, 2, 42, values.data(), bits.data(), &wrapped), E_INVALIDARG);
+  // Unfilled, the memory stays as it was for a read that writes all of it.
+  std::fill(values.begin(), values.end(), std::int16_t{-7});
+  bits[0] = 0x0F;
+  ASSERT_EQ(WrapUnfilledPixelBlock(3, 2, 6, values.data(), bits.data(), &wrapped), S_OK);
+  EXPECT_EQ(values, std::vector<std::int16_t>(6, -7));
+  EXPECT_EQ(bits[0], 0x0F);
+  EXPECT_EQ(wrapped->Buffer(0), values.data());
+  EXPECT_EQ(WrapUnfilledPixelBlock(3, 2, 6, values.data(), nullptr, &wrapped), E_INVALIDARG);
 
   ComPtr<IPixelBlock> unfilled;
   ASSERT_EQ(CreateUnfilledPixelBlock(5, 4, 2, 9, &unfilled), S_OK);
