@@ -2,6 +2,7 @@
 // first, set = valid; (pixels + 7) / 8 bytes. Bulk operations work a 64-bit word at a time.
 #pragma once
 
+#include <bit>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -29,6 +30,17 @@ inline void Put(std::uint8_t* m, std::size_t i, bool valid) {
   }
 }
 
+// A word loaded from memory as the little-endian machine sees it: byte k in bits 8k to 8k + 7.
+constexpr std::uint64_t LittleEndian(std::uint64_t word) {
+  if constexpr (std::endian::native == std::endian::little) {
+    return word;
+  } else {
+    word = (word << 32) | (word >> 32);
+    word = ((word & 0x0000FFFF0000FFFFull) << 16) | ((word >> 16) & 0x0000FFFF0000FFFFull);
+    return ((word & 0x00FF00FF00FF00FFull) << 8) | ((word >> 8) & 0x00FF00FF00FF00FFull);
+  }
+}
+
 // Every pixel valid (or invalid); bits past the last pixel are cleared.
 void Fill(std::uint8_t* m, std::size_t pixels, bool valid);
 // The number of valid pixels.
@@ -39,27 +51,21 @@ bool AllValid(const std::uint8_t* m, std::size_t first, std::size_t count);
 // Whether any pixel is valid; stops at the first.
 bool AnyValid(const std::uint8_t* m, std::size_t pixels);
 // destination |= source, or destination &= source, over `bytes` bytes.
-// Writes `fill` into every value whose bit is clear, eight pixels a byte: whole valid bytes
-// are skipped.
+// Writes `fill` into every value whose bit is clear, 64 pixels a word: only the clear bits
+// are visited.
 template <class T>
 void FillInvalid(T* values, const std::uint8_t* m, std::size_t pixels, T fill) {
-  const std::size_t whole = pixels / 8;
-  for (std::size_t b = 0; b < whole; ++b) {
-    // Eight mask bytes (64 pixels) at a time while they are all valid.
-    if (b % 8 == 0 && b + 8 <= whole) {
-      std::uint64_t word;
-      std::memcpy(&word, m + b, 8);
-      if (word == ~std::uint64_t{0}) {
-        b += 7;
-        continue;
-      }
+  const std::size_t words = pixels / 64;
+  for (std::size_t w = 0; w < words; ++w) {
+    std::uint64_t word;
+    std::memcpy(&word, m + w * 8, 8);
+    // Byte k of the word in bits 8k to 8k + 7, its first pixel in the top one.
+    for (std::uint64_t clear = ~LittleEndian(word); clear != 0; clear &= clear - 1) {
+      const unsigned bit = static_cast<unsigned>(std::countr_zero(clear));
+      values[w * 64 + (bit & ~7u) + (7 - (bit & 7u))] = fill;
     }
-    const std::uint8_t byte = m[b];
-    if (byte == 0xFF) continue;
-    for (unsigned k = 0; k < 8; ++k)
-      if (!(byte & (0x80u >> k))) values[b * 8 + k] = fill;
   }
-  for (std::size_t i = whole * 8; i < pixels; ++i)
+  for (std::size_t i = words * 64; i < pixels; ++i)
     if (!Get(m, i)) values[i] = fill;
 }
 

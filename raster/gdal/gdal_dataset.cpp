@@ -9,10 +9,12 @@
 #include <gdalwarper.h>
 #include <ogr_srs_api.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <limits>
 #include <optional>
+#include <thread>
 
 #include "raster/mask.h"
 #include "raster/opener.h"
@@ -182,8 +184,17 @@ int GdalTypeOfPixelType(LONG pixelType) {
   }
 }
 
+namespace {
+
+// Files stored in blocks of at least this many rows have their rows of blocks owned.
+constexpr int kOwnedBlockRows = 8;
+
+}  // namespace
+
 GdalDataset::~GdalDataset() {
   for (void* handle : pool_) GDALClose(static_cast<GDALDatasetH>(handle));
+  for (std::size_t i = 0; i < ownerCount_; ++i)
+    if (owners_[i].handle != nullptr) GDALClose(static_cast<GDALDatasetH>(owners_[i].handle));
 }
 
 HRESULT GdalDataset::Open(const std::string& name) {
@@ -198,6 +209,12 @@ HRESULT GdalDataset::Open(const std::string& name) {
   const int columns = GDALGetRasterXSize(h), rows = GDALGetRasterYSize(h),
             bands = GDALGetRasterCount(h);
   if (bands < 1) return ReportError(E_INVALIDARG, "raster '" + name + "' has no bands");
+  int blockColumns = 0;
+  GDALGetBlockSize(GDALGetRasterBand(h, 1), &blockColumns, &blockRows_);
+  if (blockRows_ >= kOwnedBlockRows) {
+    ownerCount_ = std::max<std::size_t>(2, std::thread::hardware_concurrency());
+    owners_ = std::make_unique<Owner[]>(ownerCount_);
+  }
   double t[6];
   if (GDALGetGeoTransform(h, t) == CE_None) {
     if (t[2] != 0 || t[4] != 0 || t[1] <= 0 || t[5] >= 0)
@@ -392,27 +409,47 @@ HRESULT GdalDataset::ReadWindow(LONG band, LONG column, LONG row, LONG width, LO
     }
     if (c0 >= c1 || r0 >= r1) return S_OK;
     const int cw = c1 - c0, ch = r1 - r0;
-    std::optional<Lease> lease;
-    PW_RETURN_IF_FAILED(Lend(&lease));
-    void* handle = lease->Handle();
-    GDALRasterBandH h = GDALGetRasterBand(static_cast<GDALDatasetH>(handle), band + 1);
-    auto* at = static_cast<std::uint8_t*>(buffer) +
-               (static_cast<std::size_t>(r0 - row) * static_cast<std::size_t>(width) +
-                static_cast<std::size_t>(c0 - column)) *
-                   size;
-    if (GDALRasterIOEx(h, GF_Read, c0, r0, cw, ch, at, cw, ch,
-                       static_cast<GDALDataType>(GdalTypeOfPixelType(info_.pixelType)),
-                       static_cast<GSpacing>(size), static_cast<GSpacing>(size) * width,
-                       nullptr) != CE_None)
-      return ReportError(STG_E_READFAULT,
-                         "reading raster '" + name_ + "' failed: " + LastGdalError());
     std::vector<std::uint8_t> validity;
-    if (hasMask_[band]) {
+    if (hasMask_[band])
       validity.resize(static_cast<std::size_t>(cw) * static_cast<std::size_t>(ch));
-      if (GDALRasterIO(GDALGetMaskBand(h), GF_Read, c0, r0, cw, ch, validity.data(), cw, ch,
-                       GDT_Byte, 0, 0) != CE_None)
+    // Rows [from, to) of the window's part inside the raster, through one handle.
+    auto readRows = [&](void* handle, LONG from, LONG to) -> HRESULT {
+      GDALRasterBandH h = GDALGetRasterBand(static_cast<GDALDatasetH>(handle), band + 1);
+      auto* at = static_cast<std::uint8_t*>(buffer) +
+                 (static_cast<std::size_t>(from - row) * static_cast<std::size_t>(width) +
+                  static_cast<std::size_t>(c0 - column)) *
+                     size;
+      const int n = to - from;
+      if (GDALRasterIOEx(h, GF_Read, c0, from, cw, n, at, cw, n,
+                         static_cast<GDALDataType>(GdalTypeOfPixelType(info_.pixelType)),
+                         static_cast<GSpacing>(size), static_cast<GSpacing>(size) * width,
+                         nullptr) != CE_None)
+        return ReportError(STG_E_READFAULT,
+                           "reading raster '" + name_ + "' failed: " + LastGdalError());
+      if (!validity.empty() &&
+          GDALRasterIO(GDALGetMaskBand(h), GF_Read, c0, from, cw, n,
+                       validity.data() + static_cast<std::size_t>(from - r0) * cw, cw, n, GDT_Byte,
+                       0, 0) != CE_None)
         return ReportError(STG_E_READFAULT,
                            "reading the mask of raster '" + name_ + "' failed: " + LastGdalError());
+      return S_OK;
+    };
+    if (ownerCount_ > 0) {
+      for (LONG from = r0; from < r1;) {
+        const LONG blockRow = from / blockRows_;
+        const LONG to = std::min<LONG>(r1, (blockRow + 1) * blockRows_);
+        Owner& owner = owners_[static_cast<std::size_t>(blockRow) % ownerCount_];
+        std::lock_guard hold(owner.lock);
+        if (owner.handle == nullptr) owner.handle = Borrow();
+        if (owner.handle == nullptr)
+          return ReportError(E_FAIL, "cannot reopen raster '" + name_ + "': " + LastGdalError());
+        PW_RETURN_IF_FAILED(readRows(owner.handle, from, to));
+        from = to;
+      }
+    } else {
+      std::optional<Lease> lease;
+      PW_RETURN_IF_FAILED(Lend(&lease));
+      PW_RETURN_IF_FAILED(readRows(lease->Handle(), r0, r1));
     }
     VisitPixelType(info_.pixelType, [&](auto tag) {
       using T = typename decltype(tag)::type;

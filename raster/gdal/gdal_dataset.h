@@ -82,6 +82,18 @@ class GdalDataset : public IRasterDataset, public IRasterSource, public IRasterW
   std::vector<ObjectPtr<MemoryBand>> bands_;  // descriptions only (no pixels)
   std::mutex poolLock_;
   std::vector<void*> pool_;
+  // Windows of a file stored in blocks of many rows are read one row of blocks at a time,
+  // each row of blocks always through the same handle (row index modulo the owners): the
+  // blocks go through GDAL's cache of that handle only, so a window that needs one line of a
+  // row of blocks (the margin of a neighbourhood) finds the blocks its neighbour read
+  // instead of reading them from the file again.
+  struct Owner {
+    std::mutex lock;
+    void* handle = nullptr;
+  };
+  int blockRows_ = 1;
+  std::unique_ptr<Owner[]> owners_;
+  std::size_t ownerCount_ = 0;
 };
 
 }  // namespace pw::raster::gdal

@@ -2,6 +2,7 @@
 // clearly and leaves no file behind.
 #include <gtest/gtest.h>
 
+#include <cpl_string.h>
 #include <gdal.h>
 #include <gdal_rat.h>
 #include <ogr_srs_api.h>
@@ -39,9 +40,10 @@ std::string Utm33Wkt() {
 }
 
 // A 37 x 23 GeoTIFF of `type` with two bands of pseudo-random values, some set to no-data.
-std::vector<double> WriteTiff(const std::string& path, LONG type, double noData) {
+std::vector<double> WriteTiff(const std::string& path, LONG type, double noData,
+                              char** options = nullptr) {
   GDALDatasetH ds = GDALCreate(GDALGetDriverByName("GTiff"), path.c_str(), 37, 23, 2,
-                               static_cast<GDALDataType>(GdalTypeOfPixelType(type)), nullptr);
+                               static_cast<GDALDataType>(GdalTypeOfPixelType(type)), options);
   EXPECT_NE(ds, nullptr);
   double t[6] = {500000, 30, 0, 4600000, 0, -30};
   GDALSetGeoTransform(ds, t);
@@ -291,10 +293,21 @@ TEST_F(GdalTest, MaskedCellsWithoutNoDataGetAChosenValue) {
 }
 
 // Reads are re-entrant: eight threads reading interleaved windows of one dataset see what
-// one thread sees.
-TEST_F(GdalTest, ConcurrentReadsEqualASingleRead) {
+// one thread sees, in a file of strips and in one of 16 x 16 tiles, whose windows cross rows
+// of blocks (read one row of blocks at a time).
+class ConcurrentReads : public GdalTest, public testing::WithParamInterface<bool> {};
+INSTANTIATE_TEST_SUITE_P(StripsAndTiles, ConcurrentReads, testing::Bool());
+
+TEST_P(ConcurrentReads, EqualASingleRead) {
   const std::string in = (dir_ / "in.tif").string();
-  const auto written = WriteTiff(in, 6, -5);
+  char** options = nullptr;
+  if (GetParam()) {
+    options = CSLSetNameValue(options, "TILED", "YES");
+    options = CSLSetNameValue(options, "BLOCKXSIZE", "16");
+    options = CSLSetNameValue(options, "BLOCKYSIZE", "16");
+  }
+  const auto written = WriteTiff(in, 6, -5, options);
+  CSLDestroy(options);
   ComPtr<IRasterDataset> dataset;
   ASSERT_EQ(OpenDatasetByName(ToUtf16(in), &dataset), S_OK);
   auto source = dataset.As<IRasterSource>();
@@ -306,16 +319,22 @@ TEST_F(GdalTest, ConcurrentReadsEqualASingleRead) {
   std::vector<std::thread> threads;
   for (int t = 0; t < 8; ++t) {
     threads.emplace_back([&, t] {
+      // Windows of three rows, the last ones partly below the raster.
+      constexpr LONG kRows = 3;
       for (int repeat = 0; repeat < 20; ++repeat) {
         for (LONG row = t % 3; row < kHeight; row += 3) {
-          std::int16_t values[kWidth];
-          BYTE bits[mask::Bytes(kWidth)];
-          if (FAILED(source->ReadWindow(1, 0, row, kWidth, 1, values, bits))) ++mismatches;
-          for (LONG c = 0; c < kWidth; ++c) {
-            const std::size_t i = static_cast<std::size_t>(row * kWidth + c);
-            if (mask::Get(bits, static_cast<std::size_t>(c)) != mask::Get(wholeMask.data(), i) ||
-                (mask::Get(bits, static_cast<std::size_t>(c)) && values[c] != whole[i]))
+          std::int16_t values[kWidth * kRows];
+          BYTE bits[mask::Bytes(kWidth * kRows)];
+          if (FAILED(source->ReadWindow(1, 0, row, kWidth, kRows, values, bits))) ++mismatches;
+          for (LONG k = 0; k < kWidth * kRows; ++k) {
+            const bool valid = mask::Get(bits, static_cast<std::size_t>(k));
+            const std::size_t i = static_cast<std::size_t>(row * kWidth + k);
+            if (row + k / kWidth >= kHeight) {
+              mismatches += valid;
+            } else if (valid != mask::Get(wholeMask.data(), i) ||
+                       (valid && values[k] != whole[i])) {
               ++mismatches;
+            }
           }
         }
       }
