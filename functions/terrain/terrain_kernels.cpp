@@ -354,6 +354,27 @@ PW_TARGET_AVX512 inline __m256 SquaredRise(const double* columns, const double* 
       _mm512_mul_pd(_mm512_add_pd(_mm512_mul_pd(gx, gx), _mm512_mul_pd(gy, gy)), scale2));
 }
 
+// AtanUnitF on sixteen floats, in fused multiply-adds.
+PW_TARGET_AVX512 inline __m512 AtanUnit16(__m512 q) {
+  const __m512 z = _mm512_mul_ps(q, q), z2 = _mm512_mul_ps(z, z), z4 = _mm512_mul_ps(z2, z2);
+  const __m512 low = _mm512_fmadd_ps(z2,
+                                     _mm512_fmadd_ps(_mm512_set1_ps(1.0665992647409439e-1f), z,
+                                                     _mm512_set1_ps(-1.4211052656173706e-1f)),
+                                     _mm512_fmadd_ps(_mm512_set1_ps(1.9993773102760315e-1f), z,
+                                                     _mm512_set1_ps(-3.3333152532577515e-1f)));
+  const __m512 high = _mm512_fmadd_ps(z2,
+                                      _mm512_fmadd_ps(_mm512_set1_ps(2.9206445906311274e-3f), z,
+                                                      _mm512_set1_ps(-1.636773720383644e-2f)),
+                                      _mm512_fmadd_ps(_mm512_set1_ps(4.321155324578285e-2f), z,
+                                                      _mm512_set1_ps(-7.552188634872437e-2f)));
+  return _mm512_fmadd_ps(_mm512_fmadd_ps(z4, high, low), _mm512_mul_ps(z, q), q);
+}
+
+// The cells of a step of sixteen from `c` that lie in a row of `width`.
+inline __mmask16 CellsFrom(LONG c, LONG width) {
+  return width - c >= 16 ? __mmask16{0xFFFF} : static_cast<__mmask16>((1u << (width - c)) - 1);
+}
+
 // Float slope in degrees on AVX-512, sixteen cells a step. The square of the rise goes to
 // float as in the portable form; the rise and its reciprocal, the two quotients the
 // arctangent's reduction needs, come from one reciprocal square root estimate refined by a
@@ -383,14 +404,6 @@ PW_TARGET_AVX512 void SummedFormulaAvx512<Surface::kSlope, float>(const double* 
     const __m512 halfPiLow =
         _mm512_set1_ps(static_cast<float>(1.5707963267948966 - double{1.5707963267948966f}));
     const __m512 degrees = _mm512_set1_ps(static_cast<float>(kDegrees));
-    const __m512 k0 = _mm512_set1_ps(-3.3333152532577515e-1f),
-                 k1 = _mm512_set1_ps(1.9993773102760315e-1f),
-                 k2 = _mm512_set1_ps(-1.4211052656173706e-1f),
-                 k3 = _mm512_set1_ps(1.0665992647409439e-1f),
-                 k4 = _mm512_set1_ps(-7.552188634872437e-2f),
-                 k5 = _mm512_set1_ps(4.321155324578285e-2f),
-                 k6 = _mm512_set1_ps(-1.636773720383644e-2f),
-                 k7 = _mm512_set1_ps(2.9206445906311274e-3f);
     for (LONG c = 0; c < width; c += 16) {
       const __mmask16 cells =
           width - c >= 16 ? __mmask16{0xFFFF} : static_cast<__mmask16>((1u << (width - c)) - 1);
@@ -407,15 +420,78 @@ PW_TARGET_AVX512 void SummedFormulaAvx512<Surface::kSlope, float>(const double* 
       // q = min(rise, 1) / max(rise, 1); 0 for a flat or an infinitely steep cell.
       __m512 q = _mm512_mask_blend_ps(steep, _mm512_fmadd_ps(e, h, h), _mm512_fmadd_ps(e, r, r));
       q = _mm512_maskz_mov_ps(static_cast<__mmask16>(~_mm512_fpclass_ps_mask(s, 0x0E)), q);
-      const __m512 z = _mm512_mul_ps(q, q), z2 = _mm512_mul_ps(z, z), z4 = _mm512_mul_ps(z2, z2);
-      const __m512 poly = _mm512_fmadd_ps(
-          z4, _mm512_fmadd_ps(z2, _mm512_fmadd_ps(k7, z, k6), _mm512_fmadd_ps(k5, z, k4)),
-          _mm512_fmadd_ps(z2, _mm512_fmadd_ps(k3, z, k2), _mm512_fmadd_ps(k1, z, k0)));
-      const __m512 a = _mm512_fmadd_ps(poly, _mm512_mul_ps(z, q), q);
+      const __m512 a = AtanUnit16(q);
       const __m512 angle =
           _mm512_mask_blend_ps(steep, a, _mm512_add_ps(_mm512_sub_ps(halfPi, a), halfPiLow));
       _mm512_mask_storeu_ps(out + c, cells, _mm512_mul_ps(angle, degrees));
     }
+  }
+}
+
+// Float aspect on AVX-512, sixteen cells a step: the steps of the portable form (Atan2F and
+// the wrap), the reduced angle's polynomial in fused multiply-adds, under a mask for a row's
+// last cells.
+template <>
+PW_TARGET_AVX512 void SummedFormulaAvx512<Surface::kAspect, float>(const double* columns,
+                                                                   const double* upper,
+                                                                   const double* lower, LONG width,
+                                                                   LONG, const Params& p,
+                                                                   void* target) {
+  float* const out = static_cast<float*>(target);
+  const bool square = p.cellX == p.cellYAspect;
+  const __m512d cx = _mm512_set1_pd(p.cellX), cy = _mm512_set1_pd(p.cellYAspect);
+  const __m512d zero = _mm512_setzero_pd(), sign = _mm512_set1_pd(-0.0), one = _mm512_set1_pd(1.0);
+  const __m512d ninety = _mm512_set1_pd(90.0), turn = _mm512_set1_pd(360.0);
+  const __m512d degrees = _mm512_set1_pd(kDegrees), flatValue = _mm512_set1_pd(-1.0);
+  const __m512d minusDegrees = _mm512_set1_pd(-kDegrees);
+  const __m512d quarterTurn = _mm512_set1_pd(kPi / 2 * kDegrees),
+                halfTurn = _mm512_set1_pd(kPi * kDegrees);
+  for (LONG c = 0; c < width; c += 16) {
+    const __mmask16 cells = CellsFrom(c, width);
+    __m512d x[2], y[2], ax[2], ay[2], hi[2];
+    __m256 q[2];
+    for (int h = 0; h < 2; ++h) {
+      const __mmask8 m = static_cast<__mmask8>(cells >> (8 * h));
+      const LONG k = c + 8 * h;
+      x[h] = _mm512_sub_pd(_mm512_maskz_loadu_pd(m, columns + k + 2),
+                           _mm512_maskz_loadu_pd(m, columns + k));
+      y[h] =
+          _mm512_sub_pd(_mm512_maskz_loadu_pd(m, lower + k), _mm512_maskz_loadu_pd(m, upper + k));
+      if (!square) x[h] = _mm512_div_pd(x[h], cx), y[h] = _mm512_div_pd(y[h], cy);
+      ax[h] = _mm512_andnot_pd(sign, x[h]);
+      ay[h] = _mm512_andnot_pd(sign, y[h]);
+      hi[h] = _mm512_max_pd(ax[h], ay[h]);
+      const __mmask8 some = _mm512_cmp_pd_mask(hi[h], zero, _CMP_NEQ_OQ);
+      // lo / hi to float precision: a reciprocal estimate and one Newton step (28 bits).
+      const __m512d r0 = _mm512_rcp14_pd(hi[h]);
+      const __m512d r1 = _mm512_fmadd_pd(_mm512_fnmadd_pd(hi[h], r0, one), r0, r0);
+      q[h] = _mm512_cvtpd_ps(_mm512_maskz_mul_pd(some, _mm512_min_pd(ax[h], ay[h]), r1));
+    }
+    const __m512 reduced = AtanUnit16(_mm512_insertf32x8(_mm512_castps256_ps512(q[0]), q[1], 1));
+    __m256 angle[2];
+    for (int h = 0; h < 2; ++h) {
+      const __m512d a = _mm512_cvtps_pd(h == 0 ? _mm512_castps512_ps256(reduced)
+                                               : _mm512_extractf32x8_ps(reduced, 1));
+      // The angle of (-x, y) is s (c + t a): c a multiple of pi/2 and t = +-1 from whether
+      // the cell lies past the diagonal and in the left half (x > 0), s = -1 below the axis.
+      // 90 - angle x degrees = (90 - s c degrees) + (-s t degrees) a, the first part and the
+      // factor formed while the arctangent is being computed.
+      const __mmask8 past = _mm512_cmp_pd_mask(ay[h], ax[h], _CMP_GT_OQ);
+      const __mmask8 left = _mm512_cmp_pd_mask(x[h], zero, _CMP_GT_OQ);
+      const __mmask8 below = _mm512_cmp_pd_mask(y[h], zero, _CMP_LT_OQ);
+      __m512d turns = _mm512_maskz_mov_pd(past, quarterTurn);  // c x degrees
+      turns = _mm512_mask_mov_pd(turns, static_cast<__mmask8>(left & ~past), halfTurn);
+      const __m512d base = _mm512_mask_add_pd(_mm512_sub_pd(ninety, turns), below, ninety, turns);
+      const __m512d factor =
+          _mm512_mask_mov_pd(minusDegrees, static_cast<__mmask8>(below ^ past ^ left), degrees);
+      __m512d v = _mm512_fmadd_pd(factor, a, base);
+      v = _mm512_mask_add_pd(v, _mm512_cmp_pd_mask(v, zero, _CMP_LT_OQ), v, turn);
+      v = _mm512_mask_mov_pd(v, _mm512_cmp_pd_mask(hi[h], zero, _CMP_EQ_OQ), flatValue);
+      v = _mm512_maskz_mov_pd(_mm512_cmp_pd_mask(v, turn, _CMP_LT_OQ), v);
+      angle[h] = _mm512_cvtpd_ps(v);
+    }
+    _mm512_mask_storeu_ps(out + c, cells,
+                          _mm512_insertf32x8(_mm512_castps256_ps512(angle[0]), angle[1], 1));
   }
 }
 #if defined(__GNUC__) && !defined(__clang__)
