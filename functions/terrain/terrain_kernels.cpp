@@ -286,18 +286,25 @@ PW_ALWAYS_INLINE void AcrossBody(const I* __restrict in, LONG width, double* __r
 
 // The column sums top + 2 mid + bottom of a row's window (width + 2 of them), formed once per
 // column: each serves dz/dx of two cells. The association is the definition's, so the
-// derivatives are the same.
+// derivatives are the same. The sums across of the bottom row, which is new to the row loop,
+// are formed in the same pass, while it is in the cache.
 template <class I>
 PW_ALWAYS_INLINE void ColumnsBody(const I* __restrict top, const I* __restrict mid,
                                   const I* __restrict bottom, LONG width,
-                                  double* __restrict columns) {
-  for (LONG c = 0; c < width + 2; ++c)
+                                  double* __restrict columns, double* __restrict across) {
+  for (LONG c = 0; c < width; ++c) {
+    const double b0 = static_cast<double>(bottom[c]), b1 = static_cast<double>(bottom[c + 1]),
+                 b2 = static_cast<double>(bottom[c + 2]);
+    columns[c] = (static_cast<double>(top[c]) + 2 * static_cast<double>(mid[c])) + b0;
+    across[c] = (b0 + 2 * b1) + b2;
+  }
+  for (LONG c = width; c < width + 2; ++c)
     columns[c] = (static_cast<double>(top[c]) + 2 * static_cast<double>(mid[c])) +
                  static_cast<double>(bottom[c]);
 }
 
 using AcrossFn = void (*)(const void*, LONG, double*);
-using ColumnsFn = void (*)(const void*, const void*, const void*, LONG, double*);
+using ColumnsFn = void (*)(const void*, const void*, const void*, LONG, double*, double*);
 // The formula over a row: from the column sums and the sums across of the upper and lower
 // rows, or from stored dz/dx and dz/dy.
 using SummedFormulaFn = void (*)(const double*, const double*, const double*, LONG, LONG,
@@ -323,9 +330,9 @@ using StoredFormulaFn = void (*)(const double*, const double*, LONG, LONG, const
   }                                                                                             \
   template <class I>                                                                            \
   Target void Columns##Suffix(const void* top, const void* mid, const void* bottom, LONG width, \
-                              double* columns) {                                                \
+                              double* columns, double* across) {                                \
     ColumnsBody<I>(static_cast<const I*>(top), static_cast<const I*>(mid),                      \
-                   static_cast<const I*>(bottom), width, columns);                              \
+                   static_cast<const I*>(bottom), width, columns, across);                      \
   }
 PW_TERRAIN_WRAPPERS(Baseline, )
 #if PW_SIMD_X86
@@ -727,8 +734,11 @@ HRESULT Compute(const void* in, const BYTE* inMask, LONG inType, LONG width, LON
     auto inputRow = [&](LONG i) { return inBytes + static_cast<std::size_t>(i) * stride; };
     LONG loaded = first;
     for (LONG r = first; r < last; ++r) {
-      for (; loaded < r + 3; ++loaded) sum.across(inputRow(loaded), width, across(loaded));
-      sum.columns(inputRow(r), inputRow(r + 1), inputRow(r + 2), width, sums);
+      // The first two rows of a band get their sums across alone; each next row with the
+      // column sums of the output row it completes.
+      for (; loaded < r + 2; ++loaded) sum.across(inputRow(loaded), width, across(loaded));
+      sum.columns(inputRow(r), inputRow(r + 1), inputRow(r + 2), width, sums, across(r + 2));
+      loaded = r + 3;
       void* const target =
           outBytes + static_cast<std::size_t>(r) * static_cast<std::size_t>(width) * outPixel;
       const std::size_t firstCell = static_cast<std::size_t>(r) * static_cast<std::size_t>(width);
