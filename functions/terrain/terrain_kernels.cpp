@@ -377,6 +377,22 @@ PW_TARGET_AVX512 inline __m512 AtanUnit16(__m512 q) {
   return _mm512_fmadd_ps(_mm512_fmadd_ps(z4, high, low), _mm512_mul_ps(z, q), q);
 }
 
+// The same polynomial on eight doubles.
+PW_TARGET_AVX512 inline __m512d AtanUnit8(__m512d q) {
+  const __m512d z = _mm512_mul_pd(q, q), z2 = _mm512_mul_pd(z, z), z4 = _mm512_mul_pd(z2, z2);
+  const __m512d low = _mm512_fmadd_pd(z2,
+                                      _mm512_fmadd_pd(_mm512_set1_pd(1.0665992647409439e-1), z,
+                                                      _mm512_set1_pd(-1.4211052656173706e-1)),
+                                      _mm512_fmadd_pd(_mm512_set1_pd(1.9993773102760315e-1), z,
+                                                      _mm512_set1_pd(-3.3333152532577515e-1)));
+  const __m512d high = _mm512_fmadd_pd(z2,
+                                       _mm512_fmadd_pd(_mm512_set1_pd(2.9206445906311274e-3), z,
+                                                       _mm512_set1_pd(-1.636773720383644e-2)),
+                                       _mm512_fmadd_pd(_mm512_set1_pd(4.321155324578285e-2), z,
+                                                       _mm512_set1_pd(-7.552188634872437e-2)));
+  return _mm512_fmadd_pd(_mm512_fmadd_pd(z4, high, low), _mm512_mul_pd(z, q), q);
+}
+
 // The cells of a step of sixteen from `c` that lie in a row of `width`.
 inline __mmask16 CellsFrom(LONG c, LONG width) {
   return width - c >= 16 ? __mmask16{0xFFFF} : static_cast<__mmask16>((1u << (width - c)) - 1);
@@ -456,7 +472,7 @@ PW_TARGET_AVX512 void SummedFormulaAvx512<Surface::kAspect, float>(const double*
   for (LONG c = 0; c < width; c += 16) {
     const __mmask16 cells = CellsFrom(c, width);
     __m512d x[2], y[2], ax[2], ay[2], hi[2];
-    __m256 q[2];
+    __m512d q[2];
     for (int h = 0; h < 2; ++h) {
       const __mmask8 m = static_cast<__mmask8>(cells >> (8 * h));
       const LONG k = c + 8 * h;
@@ -472,13 +488,11 @@ PW_TARGET_AVX512 void SummedFormulaAvx512<Surface::kAspect, float>(const double*
       // lo / hi to float precision: a reciprocal estimate and one Newton step (28 bits).
       const __m512d r0 = _mm512_rcp14_pd(hi[h]);
       const __m512d r1 = _mm512_fmadd_pd(_mm512_fnmadd_pd(hi[h], r0, one), r0, r0);
-      q[h] = _mm512_cvtpd_ps(_mm512_maskz_mul_pd(some, _mm512_min_pd(ax[h], ay[h]), r1));
+      q[h] = _mm512_maskz_mul_pd(some, _mm512_min_pd(ax[h], ay[h]), r1);
     }
-    const __m512 reduced = AtanUnit16(_mm512_insertf32x8(_mm512_castps256_ps512(q[0]), q[1], 1));
     __m256 angle[2];
     for (int h = 0; h < 2; ++h) {
-      const __m512d a = _mm512_cvtps_pd(h == 0 ? _mm512_castps512_ps256(reduced)
-                                               : _mm512_extractf32x8_ps(reduced, 1));
+      const __m512d a = AtanUnit8(q[h]);
       // The angle of (-x, y) is s (c + t a): c a multiple of pi/2 and t = +-1 from whether
       // the cell lies past the diagonal and in the left half (x > 0), s = -1 below the axis.
       // 90 - angle x degrees = (90 - s c degrees) + (-s t degrees) a, the first part and the
