@@ -16,6 +16,7 @@
 #include <optional>
 #include <thread>
 
+#include "raster/algorithms/simd_dispatch.h"
 #include "raster/mask.h"
 #include "raster/opener.h"
 #include "raster/pixel_traits.h"
@@ -40,24 +41,59 @@ std::optional<T> NoDataAs(const std::optional<double>& noData) {
   return value;
 }
 
+// Each value's validity as a byte: not the no-data value (when there is one), not NaN.
+template <class T>
+PW_ALWAYS_INLINE void ValidBytesBody(const T* __restrict v, std::size_t n, bool hasNoData, T none,
+                                     std::uint8_t* __restrict valid) {
+  for (std::size_t i = 0; i < n; ++i) {
+    bool ok = !hasNoData || v[i] != none;
+    if constexpr (std::is_floating_point_v<T>) ok = ok && v[i] == v[i];  // not NaN
+    valid[i] = static_cast<std::uint8_t>(ok);
+  }
+}
+template <class T>
+void ValidBytesBaseline(const T* v, std::size_t n, bool hasNoData, T none, std::uint8_t* valid) {
+  ValidBytesBody(v, n, hasNoData, none, valid);
+}
+#if PW_SIMD_X86
+template <class T>
+PW_TARGET_AVX2 void ValidBytesAvx2(const T* v, std::size_t n, bool hasNoData, T none,
+                                   std::uint8_t* valid) {
+  ValidBytesBody(v, n, hasNoData, none, valid);
+}
+template <class T>
+PW_TARGET_AVX512 void ValidBytesAvx512(const T* v, std::size_t n, bool hasNoData, T none,
+                                       std::uint8_t* valid) {
+  ValidBytesBody(v, n, hasNoData, none, valid);
+}
+#endif
+
+template <class T>
+auto PickValidBytes() {
+  auto f = &ValidBytesBaseline<T>;
+#if PW_SIMD_X86
+  const simd::Isa isa = simd::Best();
+  if (isa == simd::Isa::kAvx2) f = &ValidBytesAvx2<T>;
+  if (isa == simd::Isa::kAvx512) f = &ValidBytesAvx512<T>;
+#endif
+  return f;
+}
+
 // Sets the bits first..first+count-1 of `bits` for the valid values: `cover` (a mask or
 // the warper's density, when given) at least `threshold`, not the no-data value, not NaN.
 template <class T>
 void MarkValid(const T* values, const std::uint8_t* cover, std::uint8_t threshold,
                std::optional<T> noData, BYTE* bits, std::size_t first, std::size_t count) {
-  // A chunk's validity as bytes in branch-free loops, then packed into the mask.
+  // A chunk's validity as bytes in branch-free loops (vectorized for the processor), then
+  // packed into the mask.
+  static const auto validBytes = PickValidBytes<T>();
   constexpr std::size_t kChunk = 2048;
   std::uint8_t valid[kChunk];
   const bool hasNoData = noData.has_value();
   const T none = noData.value_or(T{});
   for (std::size_t done = 0; done < count; done += kChunk) {
     const std::size_t n = std::min(kChunk, count - done);
-    const T* v = values + done;
-    for (std::size_t i = 0; i < n; ++i) {
-      bool ok = !hasNoData || v[i] != none;
-      if constexpr (std::is_floating_point_v<T>) ok = ok && v[i] == v[i];  // not NaN
-      valid[i] = static_cast<std::uint8_t>(ok);
-    }
+    validBytes(values + done, n, hasNoData, none, valid);
     if (cover != nullptr)
       for (std::size_t i = 0; i < n; ++i)
         valid[i] = static_cast<std::uint8_t>(valid[i] & (cover[done + i] >= threshold));
