@@ -654,6 +654,12 @@ void ClearShared(BYTE* mask, std::size_t i) {
 using CheckedFn = void (*)(const void*, const BYTE*, LONG, LONG, LONG, LONG, double*, double*,
                            std::uint8_t*);
 
+// n values of T left as the memory had them.
+template <class T>
+std::unique_ptr<T[]> Uninitialized(std::size_t n) {
+  return std::unique_ptr<T[]>(new T[n]);
+}
+
 // The end of the run of equal bytes that starts at `first`.
 LONG RunEnd(const std::uint8_t* bytes, LONG first, LONG width) {
   const void* next =
@@ -731,20 +737,22 @@ HRESULT Compute(const void* in, const BYTE* inMask, LONG inType, LONG width, LON
   }
 
   auto rows = [&](LONG first, LONG last) {
-    std::vector<double> dx(static_cast<std::size_t>(width)), dy(static_cast<std::size_t>(width));
+    // Working memory, written before it is read (so never cleared).
+    const auto dx = Uninitialized<double>(static_cast<std::size_t>(width));
+    const auto dy = Uninitialized<double>(static_cast<std::size_t>(width));
     // Whether each checked cell of the row has a value; rows with holes also get their three
     // input rows' validity as bytes and the cells whose windows are whole.
-    std::vector<std::uint8_t> ok(allValid ? 0 : static_cast<std::size_t>(width));
-    std::vector<std::uint8_t> cellValid(allValid ? 0 : 3 * columns);
-    std::vector<std::uint8_t> full(allValid ? 0 : static_cast<std::size_t>(width));
+    const auto ok = Uninitialized<std::uint8_t>(allValid ? 0 : static_cast<std::size_t>(width));
+    const auto cellValid = Uninitialized<std::uint8_t>(allValid ? 0 : 3 * columns);
+    const auto full = Uninitialized<std::uint8_t>(allValid ? 0 : static_cast<std::size_t>(width));
     // The sums across of the last three input rows, in turn, and the column sums: four rows
     // in one buffer, each starting 640 bytes further into a 4 KiB page than the one before,
     // so that a store to one row never looks to the processor like a store to the cells
     // another row loads next (rows a multiple of 4 KiB apart stall on that).
     const std::size_t span = (static_cast<std::size_t>(width) + 2 + 511) / 512 * 512 + 80;
-    std::vector<double> ring(4 * span);
-    auto across = [&](LONG i) { return ring.data() + static_cast<std::size_t>(i % 3) * span; };
-    double* const sums = ring.data() + 3 * span;
+    const auto ring = Uninitialized<double>(4 * span);
+    auto across = [&](LONG i) { return ring.get() + static_cast<std::size_t>(i % 3) * span; };
+    double* const sums = ring.get() + 3 * span;
     auto inputRow = [&](LONG i) { return inBytes + static_cast<std::size_t>(i) * stride; };
     LONG loaded = first;
     for (LONG r = first; r < last; ++r) {
@@ -764,8 +772,8 @@ HRESULT Compute(const void* in, const BYTE* inMask, LONG inType, LONG width, LON
           formula.summed(sums + c, across(r) + c, across(r + 2) + c, end - c, r, params, at);
           return;
         }
-        checked(in, inMask, width, r, c, end, dx.data(), dy.data(), ok.data());
-        formula.stored(dx.data() + c, dy.data() + c, end - c, r, params, at);
+        checked(in, inMask, width, r, c, end, dx.get(), dy.get(), ok.get());
+        formula.stored(dx.get() + c, dy.get() + c, end - c, r, params, at);
         for (LONG k = c; k < end; ++k)
           if (!ok[static_cast<std::size_t>(k)])
             ClearShared(outMask, firstCell + static_cast<std::size_t>(k));
@@ -796,11 +804,11 @@ HRESULT Compute(const void* in, const BYTE* inMask, LONG inType, LONG width, LON
         // Runs of cells whose windows are whole take the fast path; cells near a hole are the
         // only ones that pay.
         raster::mask::Unpack(inMask, static_cast<std::size_t>(r) * columns, 3 * columns,
-                             cellValid.data());
-        const std::uint8_t* v0 = cellValid.data();
-        WholeWindows(v0, v0 + columns, v0 + 2 * columns, width, full.data());
+                             cellValid.get());
+        const std::uint8_t* v0 = cellValid.get();
+        WholeWindows(v0, v0 + columns, v0 + 2 * columns, width, full.get());
         for (LONG c = 0, end = 0; c < width; c = end) {
-          end = RunEnd(full.data(), c, width);
+          end = RunEnd(full.get(), c, width);
           run(c, end, full[static_cast<std::size_t>(c)] != 0);
         }
       }

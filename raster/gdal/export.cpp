@@ -17,6 +17,7 @@
 #include <mutex>
 #include <optional>
 #include <thread>
+#include <vector>
 
 #include "raster/algorithms/parallel.h"
 #include "raster/band_indexes.h"
@@ -63,10 +64,26 @@ class StripQueue {
     ready_.erase(written_);
     return block;
   }
-  void Done() {
+  // The written strip's block, kept for a later strip of the same shape: new memory costs a
+  // page fault and a clearing every 4 KiB, and strips are the export's largest allocations.
+  void Done(ComPtr<IPixelBlock> block) {
     std::lock_guard lock(lock_);
     ++written_;
+    if (block) spare_.push_back(std::move(block));
     room_.notify_all();
+  }
+  // A spare block of `rows` rows, or null.
+  ComPtr<IPixelBlock> Spare(LONG rows) {
+    std::lock_guard lock(lock_);
+    for (auto it = spare_.begin(); it != spare_.end(); ++it) {
+      LONG height = 0;
+      (*it)->get_Height(&height);
+      if (height != rows) continue;
+      ComPtr<IPixelBlock> block = std::move(*it);
+      spare_.erase(it);
+      return block;
+    }
+    return nullptr;
   }
   void Stop() {
     std::lock_guard lock(lock_);
@@ -79,6 +96,7 @@ class StripQueue {
   std::mutex lock_;
   std::condition_variable room_, arrived_;
   std::map<LONG, ComPtr<IPixelBlock>> ready_;
+  std::vector<ComPtr<IPixelBlock>> spare_;
   LONG written_ = 0;
   std::size_t limit_;
   bool stop_ = false;
@@ -229,9 +247,9 @@ HRESULT ExportRaster(IRaster* raster, const std::string& path, const ExportOptio
         for (LONG s = next++; s < strips; s = next++) {
           if (!queue.WaitForRoom(s)) return;
           const LONG row = s * rowsPerStrip, rows = std::min(rowsPerStrip, height - row);
-          ComPtr<IPixelBlock> block;
-          // The read writes every pixel and bit of the strip.
-          HRESULT hr = CreateUnfilledPixelBlock(width, rows, bands, type, &block);
+          // The read writes every pixel and bit of the strip, so a spare one serves as it is.
+          ComPtr<IPixelBlock> block = queue.Spare(rows);
+          HRESULT hr = block ? S_OK : CreateUnfilledPixelBlock(width, rows, bands, type, &block);
           if (SUCCEEDED(hr)) hr = raster->ReadAt(0, row, block.Get());
           if (FAILED(hr)) return fail(hr);
           queue.Put(s, std::move(block));
@@ -285,7 +303,7 @@ HRESULT ExportRaster(IRaster* raster, const std::string& path, const ExportOptio
           fail(STG_E_WRITEFAULT);
         }
       }
-      queue.Done();
+      queue.Done(std::move(block));
       if (options.progress &&
           !options.progress(static_cast<double>(s + 1) / static_cast<double>(strips))) {
         ReportError(E_ABORT, "export of '" + path + "' cancelled");
