@@ -471,16 +471,45 @@ HRESULT GdalDataset::ReadWindow(LONG band, LONG column, LONG row, LONG width, LO
       return S_OK;
     };
     if (ownerCount_ > 0) {
+      // The window's part in each row of blocks, the largest first; a part whose owner is
+      // busy (a neighbouring window reading the same row of blocks) waits while another part
+      // can be read, and its blocks are then in the owner's cache.
+      struct Part {
+        LONG from, to;
+        Owner* owner;
+      };
+      std::vector<Part> parts;
       for (LONG from = r0; from < r1;) {
         const LONG blockRow = from / blockRows_;
         const LONG to = std::min<LONG>(r1, (blockRow + 1) * blockRows_);
-        Owner& owner = owners_[static_cast<std::size_t>(blockRow) % ownerCount_];
-        std::lock_guard hold(owner.lock);
-        if (owner.handle == nullptr) owner.handle = Borrow();
-        if (owner.handle == nullptr)
-          return ReportError(E_FAIL, "cannot reopen raster '" + name_ + "': " + LastGdalError());
-        PW_RETURN_IF_FAILED(readRows(owner.handle, from, to));
+        parts.push_back({from, to, &owners_[static_cast<std::size_t>(blockRow) % ownerCount_]});
         from = to;
+      }
+      std::stable_sort(parts.begin(), parts.end(),
+                       [](const Part& a, const Part& b) { return a.to - a.from > b.to - b.from; });
+      auto read = [&](const Part& part) -> HRESULT {
+        if (part.owner->handle == nullptr) part.owner->handle = Borrow();
+        if (part.owner->handle == nullptr)
+          return ReportError(E_FAIL, "cannot reopen raster '" + name_ + "': " + LastGdalError());
+        return readRows(part.owner->handle, part.from, part.to);
+      };
+      while (!parts.empty()) {
+        bool progressed = false;
+        for (auto it = parts.begin(); it != parts.end();) {
+          std::unique_lock hold(it->owner->lock, std::try_to_lock);
+          if (!hold.owns_lock()) {
+            ++it;
+            continue;
+          }
+          PW_RETURN_IF_FAILED(read(*it));
+          it = parts.erase(it);
+          progressed = true;
+        }
+        if (!progressed) {
+          std::lock_guard hold(parts.front().owner->lock);
+          PW_RETURN_IF_FAILED(read(parts.front()));
+          parts.erase(parts.begin());
+        }
       }
     } else {
       std::optional<Lease> lease;
