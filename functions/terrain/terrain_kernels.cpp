@@ -80,14 +80,17 @@ PW_ALWAYS_INLINE double Atan(double x) {
 }
 
 // The arctangent of q in [0, 1] in single precision by a minimax polynomial (relative error
-// below 2e-8), evaluated in pairs.
+// below 2e-8): q + q z P(z), z = q^2, P's coefficients lowest first, evaluated in pairs.
+constexpr float kAtanP[8] = {-3.3333152532577515e-1f, 1.9993773102760315e-1f,
+                             -1.4211052656173706e-1f, 1.0665992647409439e-1f,
+                             -7.552188634872437e-2f,  4.321155324578285e-2f,
+                             -1.636773720383644e-2f,  2.9206445906311274e-3f};
+
 PW_ALWAYS_INLINE float AtanUnitF(float q) {
   const float z = q * q;
   const float z2 = z * z, z4 = z2 * z2;
-  const float p = ((-3.3333152532577515e-1f + 1.9993773102760315e-1f * z) +
-                   z2 * (-1.4211052656173706e-1f + 1.0665992647409439e-1f * z)) +
-                  z4 * ((-7.552188634872437e-2f + 4.321155324578285e-2f * z) +
-                        z2 * (-1.636773720383644e-2f + 2.9206445906311274e-3f * z));
+  const float p = ((kAtanP[0] + kAtanP[1] * z) + z2 * (kAtanP[2] + kAtanP[3] * z)) +
+                  z4 * ((kAtanP[4] + kAtanP[5] * z) + z2 * (kAtanP[6] + kAtanP[7] * z));
   return p * (z * q) + q;
 }
 
@@ -361,36 +364,33 @@ PW_TARGET_AVX512 inline __m256 SquaredRise(const double* columns, const double* 
       _mm512_mul_pd(_mm512_add_pd(_mm512_mul_pd(gx, gx), _mm512_mul_pd(gy, gy)), scale2));
 }
 
-// AtanUnitF on sixteen floats, in fused multiply-adds.
-PW_TARGET_AVX512 inline __m512 AtanUnit16(__m512 q) {
-  const __m512 z = _mm512_mul_ps(q, q), z2 = _mm512_mul_ps(z, z), z4 = _mm512_mul_ps(z2, z2);
-  const __m512 low = _mm512_fmadd_ps(z2,
-                                     _mm512_fmadd_ps(_mm512_set1_ps(1.0665992647409439e-1f), z,
-                                                     _mm512_set1_ps(-1.4211052656173706e-1f)),
-                                     _mm512_fmadd_ps(_mm512_set1_ps(1.9993773102760315e-1f), z,
-                                                     _mm512_set1_ps(-3.3333152532577515e-1f)));
-  const __m512 high = _mm512_fmadd_ps(z2,
-                                      _mm512_fmadd_ps(_mm512_set1_ps(2.9206445906311274e-3f), z,
-                                                      _mm512_set1_ps(-1.636773720383644e-2f)),
-                                      _mm512_fmadd_ps(_mm512_set1_ps(4.321155324578285e-2f), z,
-                                                      _mm512_set1_ps(-7.552188634872437e-2f)));
-  return _mm512_fmadd_ps(_mm512_fmadd_ps(z4, high, low), _mm512_mul_ps(z, q), q);
+// AtanUnitF on sixteen floats and on eight doubles, in fused multiply-adds.
+PW_TARGET_AVX512 inline __m512 Broadcast(float v, __m512) {
+  return _mm512_set1_ps(v);
 }
-
-// The same polynomial on eight doubles.
-PW_TARGET_AVX512 inline __m512d AtanUnit8(__m512d q) {
-  const __m512d z = _mm512_mul_pd(q, q), z2 = _mm512_mul_pd(z, z), z4 = _mm512_mul_pd(z2, z2);
-  const __m512d low = _mm512_fmadd_pd(z2,
-                                      _mm512_fmadd_pd(_mm512_set1_pd(1.0665992647409439e-1), z,
-                                                      _mm512_set1_pd(-1.4211052656173706e-1)),
-                                      _mm512_fmadd_pd(_mm512_set1_pd(1.9993773102760315e-1), z,
-                                                      _mm512_set1_pd(-3.3333152532577515e-1)));
-  const __m512d high = _mm512_fmadd_pd(z2,
-                                       _mm512_fmadd_pd(_mm512_set1_pd(2.9206445906311274e-3), z,
-                                                       _mm512_set1_pd(-1.636773720383644e-2)),
-                                       _mm512_fmadd_pd(_mm512_set1_pd(4.321155324578285e-2), z,
-                                                       _mm512_set1_pd(-7.552188634872437e-2)));
-  return _mm512_fmadd_pd(_mm512_fmadd_pd(z4, high, low), _mm512_mul_pd(z, q), q);
+PW_TARGET_AVX512 inline __m512d Broadcast(float v, __m512d) {
+  return _mm512_set1_pd(v);
+}
+PW_TARGET_AVX512 inline __m512 Mul(__m512 a, __m512 b) {
+  return _mm512_mul_ps(a, b);
+}
+PW_TARGET_AVX512 inline __m512d Mul(__m512d a, __m512d b) {
+  return _mm512_mul_pd(a, b);
+}
+PW_TARGET_AVX512 inline __m512 Fma(__m512 a, __m512 b, __m512 c) {
+  return _mm512_fmadd_ps(a, b, c);
+}
+PW_TARGET_AVX512 inline __m512d Fma(__m512d a, __m512d b, __m512d c) {
+  return _mm512_fmadd_pd(a, b, c);
+}
+template <class V>
+PW_TARGET_AVX512 inline V AtanUnitVector(V q) {
+  const V z = Mul(q, q), z2 = Mul(z, z), z4 = Mul(z2, z2);
+  V pair[4];
+  for (int k = 0; k < 4; ++k)
+    pair[k] = Fma(Broadcast(kAtanP[2 * k + 1], q), z, Broadcast(kAtanP[2 * k], q));
+  const V low = Fma(z2, pair[1], pair[0]), high = Fma(z2, pair[3], pair[2]);
+  return Fma(Fma(z4, high, low), Mul(z, q), q);
 }
 
 // The cells of a step of sixteen from `c` that lie in a row of `width`.
@@ -417,9 +417,9 @@ PW_TARGET_AVX512 void SummedFormulaAvx512<Surface::kSlope, float>(const double* 
                                         out);
     return;
   }
+  const double scale =
+      p.mercator ? std::cosh((p.topY - static_cast<double>(row) * p.cellY) / kEarthRadius) : 1.0;
   {
-    const double scale =
-        p.mercator ? std::cosh((p.topY - static_cast<double>(row) * p.cellY) / kEarthRadius) : 1.0;
     const __m512d fx = _mm512_set1_pd(p.fx), fy = _mm512_set1_pd(p.fy),
                   scale2 = _mm512_set1_pd(scale * scale);
     const __m512 one = _mm512_set1_ps(1.0f), half = _mm512_set1_ps(0.5f);
@@ -428,8 +428,7 @@ PW_TARGET_AVX512 void SummedFormulaAvx512<Surface::kSlope, float>(const double* 
         _mm512_set1_ps(static_cast<float>(1.5707963267948966 - double{1.5707963267948966f}));
     const __m512 degrees = _mm512_set1_ps(static_cast<float>(kDegrees));
     for (LONG c = 0; c < width; c += 16) {
-      const __mmask16 cells =
-          width - c >= 16 ? __mmask16{0xFFFF} : static_cast<__mmask16>((1u << (width - c)) - 1);
+      const __mmask16 cells = CellsFrom(c, width);
       const __m512 s = _mm512_insertf32x8(
           _mm512_castps256_ps512(
               SquaredRise(columns, upper, lower, c, static_cast<__mmask8>(cells), fx, fy, scale2)),
@@ -443,7 +442,7 @@ PW_TARGET_AVX512 void SummedFormulaAvx512<Surface::kSlope, float>(const double* 
       // q = min(rise, 1) / max(rise, 1); 0 for a flat or an infinitely steep cell.
       __m512 q = _mm512_mask_blend_ps(steep, _mm512_fmadd_ps(e, h, h), _mm512_fmadd_ps(e, r, r));
       q = _mm512_maskz_mov_ps(static_cast<__mmask16>(~_mm512_fpclass_ps_mask(s, 0x0E)), q);
-      const __m512 a = AtanUnit16(q);
+      const __m512 a = AtanUnitVector(q);
       const __m512 angle =
           _mm512_mask_blend_ps(steep, a, _mm512_add_ps(_mm512_sub_ps(halfPi, a), halfPiLow));
       _mm512_mask_storeu_ps(out + c, cells, _mm512_mul_ps(angle, degrees));
@@ -489,10 +488,13 @@ PW_TARGET_AVX512 void SummedFormulaAvx512<Surface::kAspect, float>(const double*
       const __m512d r0 = _mm512_rcp14_pd(hi[h]);
       const __m512d r1 = _mm512_fmadd_pd(_mm512_fnmadd_pd(hi[h], r0, one), r0, r0);
       q[h] = _mm512_maskz_mul_pd(some, _mm512_min_pd(ax[h], ay[h]), r1);
+      // A subnormal hi has no representable reciprocal: those cells divide.
+      const __mmask8 tiny = _mm512_fpclass_pd_mask(hi[h], 0x20);
+      if (tiny != 0) q[h] = _mm512_mask_div_pd(q[h], tiny, _mm512_min_pd(ax[h], ay[h]), hi[h]);
     }
     __m256 angle[2];
     for (int h = 0; h < 2; ++h) {
-      const __m512d a = AtanUnit8(q[h]);
+      const __m512d a = AtanUnitVector(q[h]);
       // The angle of (-x, y) is s (c + t a): c a multiple of pi/2 and t = +-1 from whether
       // the cell lies past the diagonal and in the left half (x > 0), s = -1 below the axis.
       // 90 - angle x degrees = (90 - s c degrees) + (-s t degrees) a, the first part and the

@@ -504,6 +504,55 @@ TEST(TerrainKernels, EqualTheReferenceForEveryTypeAndInstructionSet) {
   }
 }
 
+// Extreme double surfaces in float outputs, where the vector paths' shortcuts (reciprocal
+// estimates, the arctangent's reduction) meet their limits: differences too small for a
+// reciprocal, rises that overflow a float, flat planes, and exact compass directions (whose
+// aspect falls on the wrap at 360).
+TEST(TerrainKernels, ExtremeSurfacesInFloatOutputsEqualTheReference) {
+  constexpr LONG w = 35, h = 3;  // two full vectors and a masked tail per row
+  constexpr std::size_t in = (w + 2) * (h + 2), n = w * h;
+  std::mt19937 random(5);
+  std::uniform_real_distribution<double> unit(-1, 1);
+  const struct {
+    const char* what;
+    std::function<double(LONG c, LONG r)> z;
+  } surfaces[] = {
+      {"subnormal differences", [&](LONG, LONG) { return 1e-300 * (1 + 1e-9 * unit(random)); }},
+      {"subnormal slopes", [&](LONG c, LONG r) { return 3e-310 * c + 2e-310 * r; }},
+      {"huge rises", [&](LONG c, LONG r) { return 1e300 * unit(random) + 1e290 * (c + r); }},
+      {"flat", [](LONG, LONG) { return 1234.5; }},
+      {"due north", [](LONG, LONG r) { return -3.0 * r; }},
+      {"due east", [](LONG c, LONG) { return -2.0 * c; }},
+      {"due south", [](LONG, LONG r) { return 3.0 * r; }},
+      {"due west", [](LONG c, LONG) { return 2.0 * c; }},
+  };
+  for (const auto& s : surfaces) {
+    std::vector<double> dem(in);
+    for (LONG r = 0; r < h + 2; ++r)
+      for (LONG c = 0; c < w + 2; ++c) dem[static_cast<std::size_t>(r * (w + 2) + c)] = s.z(c, r);
+    std::vector<std::uint8_t> mask(raster::mask::Bytes(in), 0xFF);
+    for (terrain::Surface surface : {terrain::Surface::kSlope, terrain::Surface::kAspect}) {
+      terrain::Params p;
+      p.surface = surface;
+      p.fx = 1.0 / 240, p.fy = 1.0 / 240;
+      p.cellX = p.cellYAspect = 30;
+      std::vector<std::uint8_t> expected(n * 4), expectedMask(raster::mask::Bytes(n));
+      ASSERT_EQ(terrain::ComputeReference(dem.data(), mask.data(), 10, w, h, expected.data(),
+                                          expectedMask.data(), 9, p),
+                S_OK);
+      for (auto isa : test::Isas()) {
+        std::vector<std::uint8_t> got(n * 4), gotMask(raster::mask::Bytes(n));
+        ASSERT_EQ(terrain::Compute(dem.data(), mask.data(), 10, w, h, got.data(), gotMask.data(), 9,
+                                   p, 1, isa),
+                  S_OK);
+        EXPECT_EQ(gotMask, expectedMask) << s.what;
+        EXPECT_TRUE(MatchesReference(got, expected, expectedMask, n, 9))
+            << s.what << " surface " << static_cast<int>(surface) << " " << raster::simd::Name(isa);
+      }
+    }
+  }
+}
+
 // Wide blocks, smooth surfaces from nearly flat to steep, and holes sparse enough that runs
 // of whole windows and checked cells alternate in a row, or only in the first and last
 // column (a strip at the raster's left and right edges).
