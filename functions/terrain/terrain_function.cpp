@@ -1,9 +1,11 @@
 // The terrain function base.
 #include "functions/terrain/terrain_function.h"
 
+#include <algorithm>
+#include <cstdint>
 #include <cstring>
-#include "raster/algorithms/grown_window.h"
 
+#include "raster/algorithms/grown_window.h"
 #include "raster/mask.h"
 #include "raster/pixel_block.h"
 #include "raster/raster_view.h"
@@ -11,6 +13,13 @@
 #include "resources/string_table.h"
 
 namespace pw::functions {
+
+namespace {
+
+// The input a band of a block's rows holds at most (beyond eight rows).
+constexpr std::size_t kBandBytes = std::size_t{2} << 20;
+
+}  // namespace
 
 TerrainFunction::TerrainFunction(UINT nameId, UINT descriptionId)
     : BasicFunction(4, nameId, descriptionId) {
@@ -91,20 +100,36 @@ HRESULT TerrainFunction::ReadImpl(LONG column, LONG row, IPixelBlock* block) {
   raster::BlockShape shape;
   PW_RETURN_IF_FAILED(raster::GetShape(block, &shape));
   if (shape.width < 1 || shape.height < 1) return S_OK;
-  ComPtr<IPixelBlock> grown;
-  PW_RETURN_IF_FAILED(raster::ReadGrownWindow(dem_.Get(), column, row, shape.width, shape.height, 1,
-                                              removeEdgeEffect_, inputType_, &grown, 1));
   ComPtr<IPixelBlock> target(block);
   if (shape.pixelType != outputType_ || shape.bands != 1)
     PW_RETURN_IF_FAILED(
         raster::CreatePixelBlock(shape.width, shape.height, 1, outputType_, &target));
-  terrain::Params params = params_;
-  params.topY = topY_ - static_cast<double>(row) * cellY_;
-  params.cellY = cellY_;
-  const HRESULT hr = terrain::Compute(grown->Buffer(0), grown->Mask(0), inputType_, shape.width,
-                                      shape.height, target->Buffer(0), target->Mask(0), outputType_,
-                                      params, terrain::RowThreads());
-  PW_RETURN_IF_FAILED(hr);
+  // A wide block goes in bands of rows, each read with its one-row margins just before it is
+  // computed, so that the input is still in the processor's cache when the engine reads it
+  // (a whole 8192-wide strip is not). Bands are a multiple of eight rows, so that each starts
+  // on a whole byte of the block's mask.
+  const std::size_t rowBytes =
+      (static_cast<std::size_t>(shape.width) + 2) * raster::PixelSize(inputType_);
+  const LONG band = static_cast<LONG>(std::max<std::size_t>(8, kBandBytes / rowBytes / 8 * 8));
+  const std::size_t outPixel = raster::PixelSize(outputType_);
+  HRESULT hr = S_FALSE;
+  for (LONG first = 0; first < shape.height; first += band) {
+    const LONG rows = std::min(band, shape.height - first);
+    ComPtr<IPixelBlock> grown;
+    PW_RETURN_IF_FAILED(raster::ReadGrownWindow(dem_.Get(), column, row + first, shape.width, rows,
+                                                1, removeEdgeEffect_, inputType_, &grown, 1));
+    terrain::Params params = params_;
+    params.topY = topY_ - static_cast<double>(row + first) * cellY_;
+    params.cellY = cellY_;
+    const std::size_t cells =
+        static_cast<std::size_t>(first) * static_cast<std::size_t>(shape.width);
+    const HRESULT one =
+        terrain::Compute(grown->Buffer(0), grown->Mask(0), inputType_, shape.width, rows,
+                         static_cast<std::uint8_t*>(target->Buffer(0)) + cells * outPixel,
+                         target->Mask(0) + cells / 8, outputType_, params, terrain::RowThreads());
+    PW_RETURN_IF_FAILED(one);
+    if (one == S_OK) hr = S_OK;  // S_FALSE only when no band has a valid input cell
+  }
   if (target.Get() != block) {
     if (shape.bands == 1) {
       PW_RETURN_IF_FAILED(raster::ConvertPixelBlock(target.Get(), block));
