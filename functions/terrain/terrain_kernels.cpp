@@ -453,14 +453,10 @@ PW_TARGET_AVX512 void SummedFormulaAvx512<Surface::kSlope, float>(const double* 
 // Float aspect on AVX-512, sixteen cells a step: the steps of the portable form (Atan2F and
 // the wrap), the reduced angle's polynomial in fused multiply-adds, under a mask for a row's
 // last cells.
-template <>
-PW_TARGET_AVX512 void SummedFormulaAvx512<Surface::kAspect, float>(const double* columns,
-                                                                   const double* upper,
-                                                                   const double* lower, LONG width,
-                                                                   LONG, const Params& p,
-                                                                   void* target) {
-  float* const out = static_cast<float*>(target);
-  const bool square = p.cellX == p.cellYAspect;
+template <bool kSquare>
+PW_TARGET_AVX512 void AspectFloatAvx512(const double* columns, const double* upper,
+                                        const double* lower, LONG width, const Params& p,
+                                        float* out) {
   const __m512d cx = _mm512_set1_pd(p.cellX), cy = _mm512_set1_pd(p.cellYAspect);
   const __m512d zero = _mm512_setzero_pd(), sign = _mm512_set1_pd(-0.0), one = _mm512_set1_pd(1.0);
   const __m512d ninety = _mm512_set1_pd(90.0), turn = _mm512_set1_pd(360.0);
@@ -479,7 +475,7 @@ PW_TARGET_AVX512 void SummedFormulaAvx512<Surface::kAspect, float>(const double*
                            _mm512_maskz_loadu_pd(m, columns + k));
       y[h] =
           _mm512_sub_pd(_mm512_maskz_loadu_pd(m, lower + k), _mm512_maskz_loadu_pd(m, upper + k));
-      if (!square) x[h] = _mm512_div_pd(x[h], cx), y[h] = _mm512_div_pd(y[h], cy);
+      if constexpr (!kSquare) x[h] = _mm512_div_pd(x[h], cx), y[h] = _mm512_div_pd(y[h], cy);
       ax[h] = _mm512_andnot_pd(sign, x[h]);
       ay[h] = _mm512_andnot_pd(sign, y[h]);
       hi[h] = _mm512_max_pd(ax[h], ay[h]);
@@ -515,6 +511,20 @@ PW_TARGET_AVX512 void SummedFormulaAvx512<Surface::kAspect, float>(const double*
     }
     _mm512_mask_storeu_ps(out + c, cells,
                           _mm512_insertf32x8(_mm512_castps256_ps512(angle[0]), angle[1], 1));
+  }
+}
+
+template <>
+PW_TARGET_AVX512 void SummedFormulaAvx512<Surface::kAspect, float>(const double* columns,
+                                                                   const double* upper,
+                                                                   const double* lower, LONG width,
+                                                                   LONG, const Params& p,
+                                                                   void* target) {
+  // Square cells need no division by the cell size: the direction is the same.
+  if (p.cellX == p.cellYAspect) {
+    AspectFloatAvx512<true>(columns, upper, lower, width, p, static_cast<float*>(target));
+  } else {
+    AspectFloatAvx512<false>(columns, upper, lower, width, p, static_cast<float*>(target));
   }
 }
 #if defined(__GNUC__) && !defined(__clang__)
