@@ -44,7 +44,8 @@ HRESULT CreateUnfilledPixelBlock(LONG width, LONG height, LONG bands, LONG pixel
 // wants it without a copy. The memory must outlive the block.
 HRESULT WrapPixelBlock(LONG width, LONG height, LONG pixelType, void* buffer, BYTE* mask,
                        IPixelBlock** block);
-// The same over memory left as it is: only for a read that writes every pixel and bit.
+// The same over memory left as it is: only for a read that writes every pixel and bit (after
+// a failed read the memory holds what it held before, or part of the read).
 HRESULT WrapUnfilledPixelBlock(LONG width, LONG height, LONG pixelType, void* buffer, BYTE* mask,
                                IPixelBlock** block);
 

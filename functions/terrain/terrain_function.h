@@ -29,7 +29,9 @@ class TerrainFunction : public framework::BasicFunction {
   // The engine's constants, set at bind by each function; a read adds its block's top row.
   terrain::Params params_;
 
-  HRESULT ReadImpl(LONG column, LONG row, IPixelBlock* block) override;
+  // Final: a function raster wraps the caller's memory without clearing it on the strength of
+  // this read writing every cell's value and bit (WritesWholeBlock).
+  HRESULT ReadImpl(LONG column, LONG row, IPixelBlock* block) final;
   // Every cell gets a value and its bit.
   bool WritesWholeBlock() const override { return true; }
 

@@ -126,7 +126,9 @@ PW_ALWAYS_INLINE double Atan2(double y, double x) {
 PW_ALWAYS_INLINE double Atan2F(double y, double x) {
   const double ax = std::fabs(x), ay = std::fabs(y);
   const double hi = std::max(ax, ay), lo = std::min(ax, ay);
-  double a = static_cast<double>(AtanUnitF(static_cast<float>(lo / (hi == 0 ? 1.0 : hi))));
+  // Equal magnitudes (infinite ones included) lie on the diagonal; 0 / 0 is left to the
+  // caller's flat test.
+  double a = static_cast<double>(AtanUnitF(static_cast<float>(lo == hi ? 1.0 : lo / hi)));
   a = ay > ax ? kPi / 2 - a : a;
   a = x < 0 ? kPi - a : a;
   return y < 0 ? -a : a;
@@ -204,8 +206,8 @@ PW_ALWAYS_INLINE void FormulaBody(const D d, LONG width, LONG row, const Params&
         if constexpr (!decltype(square)::value) x /= cx, y /= cy;
         double v = 90.0 - Atan2F(y, -x) * kDegrees;
         v = v < 0 ? v + 360.0 : v;
-        v = std::max(std::fabs(x), std::fabs(y)) == 0 ? -1.0 : v;
-        out[c] = static_cast<float>(v < 360.0 ? v : 0.0);
+        v = (x == 0) & (y == 0) ? -1.0 : v;
+        out[c] = static_cast<float>(v >= 360.0 ? 0.0 : v);
       }
     };
     if (cx == cy) {
@@ -228,6 +230,7 @@ PW_ALWAYS_INLINE void FormulaBody(const D d, LONG width, LONG row, const Params&
         if constexpr (!decltype(square)::value) x /= cx, y /= cy;
         double v = 90.0 - Atan2(y, -x) * kDegrees;
         v = v < 0 ? v + 360.0 : v;
+        // Flat when the larger magnitude is 0 (a NaN angle has no integer value either way).
         angle[k] = std::max(std::fabs(x), std::fabs(y)) == 0 ? -1.0 : v;
       }
     };
@@ -479,14 +482,20 @@ PW_TARGET_AVX512 void AspectFloatAvx512(const double* columns, const double* upp
       ax[h] = _mm512_andnot_pd(sign, x[h]);
       ay[h] = _mm512_andnot_pd(sign, y[h]);
       hi[h] = _mm512_max_pd(ax[h], ay[h]);
-      const __mmask8 some = _mm512_cmp_pd_mask(hi[h], zero, _CMP_NEQ_OQ);
+      const __m512d lo = _mm512_min_pd(ax[h], ay[h]);
+      const __mmask8 some = _mm512_cmp_pd_mask(hi[h], zero, _CMP_NEQ_UQ);  // NaN goes on
       // lo / hi to float precision: a reciprocal estimate and one Newton step (28 bits).
       const __m512d r0 = _mm512_rcp14_pd(hi[h]);
       const __m512d r1 = _mm512_fmadd_pd(_mm512_fnmadd_pd(hi[h], r0, one), r0, r0);
-      q[h] = _mm512_maskz_mul_pd(some, _mm512_min_pd(ax[h], ay[h]), r1);
-      // A subnormal hi has no representable reciprocal: those cells divide.
-      const __mmask8 tiny = _mm512_fpclass_pd_mask(hi[h], 0x20);
-      if (tiny != 0) q[h] = _mm512_mask_div_pd(q[h], tiny, _mm512_min_pd(ax[h], ay[h]), hi[h]);
+      q[h] = _mm512_maskz_mul_pd(some, lo, r1);
+      // A subnormal or infinite hi has no usable reciprocal: those cells divide, equal
+      // magnitudes lying on the diagonal as in the portable form.
+      const __mmask8 rare = _mm512_fpclass_pd_mask(hi[h], 0x28);
+      if (rare != 0) {
+        q[h] = _mm512_mask_div_pd(q[h], rare, lo, hi[h]);
+        q[h] = _mm512_mask_mov_pd(
+            q[h], static_cast<__mmask8>(rare & _mm512_cmp_pd_mask(lo, hi[h], _CMP_EQ_OQ)), one);
+      }
     }
     __m256 angle[2];
     for (int h = 0; h < 2; ++h) {
@@ -505,8 +514,10 @@ PW_TARGET_AVX512 void AspectFloatAvx512(const double* columns, const double* upp
           _mm512_mask_mov_pd(minusDegrees, static_cast<__mmask8>(below ^ past ^ left), degrees);
       __m512d v = _mm512_fmadd_pd(factor, a, base);
       v = _mm512_mask_add_pd(v, _mm512_cmp_pd_mask(v, zero, _CMP_LT_OQ), v, turn);
-      v = _mm512_mask_mov_pd(v, _mm512_cmp_pd_mask(hi[h], zero, _CMP_EQ_OQ), flatValue);
-      v = _mm512_maskz_mov_pd(_mm512_cmp_pd_mask(v, turn, _CMP_LT_OQ), v);
+      const __mmask8 flat = static_cast<__mmask8>(_mm512_cmp_pd_mask(x[h], zero, _CMP_EQ_OQ) &
+                                                  _mm512_cmp_pd_mask(y[h], zero, _CMP_EQ_OQ));
+      v = _mm512_mask_mov_pd(v, flat, flatValue);
+      v = _mm512_mask_mov_pd(v, _mm512_cmp_pd_mask(v, turn, _CMP_GE_OQ), zero);
       angle[h] = _mm512_cvtpd_ps(v);
     }
     _mm512_mask_storeu_ps(out + c, cells,
@@ -826,6 +837,15 @@ HRESULT Compute(const void* in, const BYTE* inMask, LONG inType, LONG width, LON
       }
     }
   };
+  // An exception (working memory that cannot be had) must not leave a parallel region.
+  std::atomic<bool> failed{false};
+  auto guarded = [&](LONG first, LONG last) {
+    try {
+      rows(first, last);
+    } catch (...) {
+      failed = true;
+    }
+  };
 #ifdef _OPENMP
   if (threads > 1 && height > 1) {
 #pragma omp parallel num_threads(threads)
@@ -834,16 +854,16 @@ HRESULT Compute(const void* in, const BYTE* inMask, LONG inType, LONG width, LON
       const int team = omp_get_num_threads(), me = omp_get_thread_num();
       const LONG per = (height + team - 1) / team;
       const LONG first = std::min<LONG>(height, per * me);
-      rows(first, std::min<LONG>(height, first + per));
+      guarded(first, std::min<LONG>(height, first + per));
     }
   } else {
-    rows(0, height);
+    guarded(0, height);
   }
 #else
   (void)threads;
-  rows(0, height);
+  guarded(0, height);
 #endif
-  return S_OK;
+  return failed ? E_OUTOFMEMORY : S_OK;
 }
 
 HRESULT ComputeReference(const void* in, const BYTE* inMask, LONG inType, LONG width, LONG height,

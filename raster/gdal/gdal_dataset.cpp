@@ -222,8 +222,10 @@ int GdalTypeOfPixelType(LONG pixelType) {
 
 namespace {
 
-// Files stored in blocks of at least this many rows have their rows of blocks owned.
+// Files stored in blocks of at least this many rows, and more than one row of them, have
+// their rows of blocks owned, by at most this many handles.
 constexpr int kOwnedBlockRows = 8;
+constexpr std::size_t kMostOwners = 8;
 
 }  // namespace
 
@@ -247,8 +249,10 @@ HRESULT GdalDataset::Open(const std::string& name) {
   if (bands < 1) return ReportError(E_INVALIDARG, "raster '" + name + "' has no bands");
   int blockColumns = 0;
   GDALGetBlockSize(GDALGetRasterBand(h, 1), &blockColumns, &blockRows_);
-  if (blockRows_ >= kOwnedBlockRows) {
-    ownerCount_ = std::max<std::size_t>(2, std::thread::hardware_concurrency());
+  // (A file of one row of blocks gains nothing from owners: its windows would only take
+  // turns.)
+  if (blockRows_ >= kOwnedBlockRows && blockRows_ < rows) {
+    ownerCount_ = std::clamp<std::size_t>(std::thread::hardware_concurrency(), 2, kMostOwners);
     owners_ = std::make_unique<Owner[]>(ownerCount_);
   }
   double t[6];
@@ -487,6 +491,7 @@ HRESULT GdalDataset::ReadWindow(LONG band, LONG column, LONG row, LONG width, LO
       }
       std::stable_sort(parts.begin(), parts.end(),
                        [](const Part& a, const Part& b) { return a.to - a.from > b.to - b.from; });
+      // Under the owner's lock; an owner without a handle yet gets the first one.
       auto read = [&](const Part& part) -> HRESULT {
         if (part.owner->handle == nullptr) part.owner->handle = Borrow();
         if (part.owner->handle == nullptr)
