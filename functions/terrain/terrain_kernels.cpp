@@ -206,7 +206,7 @@ PW_ALWAYS_INLINE void FormulaBody(const D d, LONG width, LONG row, const Params&
         if constexpr (!decltype(square)::value) x /= cx, y /= cy;
         double v = 90.0 - Atan2F(y, -x) * kDegrees;
         v = v < 0 ? v + 360.0 : v;
-        v = (x == 0) & (y == 0) ? -1.0 : v;
+        v = ((x == 0) & (y == 0)) ? -1.0 : v;
         out[c] = static_cast<float>(v >= 360.0 ? 0.0 : v);
       }
     };
