@@ -39,6 +39,8 @@ HRESULT CreateFunctionRasterDataset(IRasterFunction* function, IUnknown* argumen
 HRESULT FunctionRasterDataset::Define(IRasterFunction* function, IUnknown* arguments) {
   if (function == nullptr) return E_INVALIDARG;
   function_ = function;
+  const auto* basic = dynamic_cast<const BasicFunction*>(function);
+  writesWholeBlock_ = basic != nullptr && basic->WritesWholeBlock();
   arguments_ = arguments;
   described_ = false;
   return S_OK;
@@ -184,8 +186,7 @@ HRESULT FunctionRasterDataset::ReadWindow(LONG band, LONG column, LONG row, LONG
     ComPtr<IPixelBlock> block;
     // A one-band function reads straight into the caller's memory.
     const bool direct = info_.bandCount == 1;
-    const auto* basic = dynamic_cast<const BasicFunction*>(function_.Get());
-    if (direct && basic != nullptr && basic->WritesWholeBlock())
+    if (direct && writesWholeBlock_)
       PW_RETURN_IF_FAILED(
           raster::WrapUnfilledPixelBlock(width, height, info_.pixelType, buffer, bits, &block));
     else if (direct)

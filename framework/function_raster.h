@@ -51,6 +51,7 @@ class FunctionRasterDataset : public IFunctionRasterDataset,
   HRESULT Describe();
 
   ComPtr<IRasterFunction> function_;
+  bool writesWholeBlock_ = false;  // its reads write every value and bit: no clearing first
   ComPtr<IUnknown> arguments_;
   raster::SourceInfo info_;
   bool described_ = false;

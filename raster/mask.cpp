@@ -111,16 +111,10 @@ void Pack(std::uint8_t* m, std::size_t first, const std::uint8_t* bytes, std::si
   std::size_t i = 0;
   for (; i < count && (first + i) % 8 != 0; ++i) Put(m, first + i, bytes[i] != 0);
   for (; i + 8 <= count; i += 8) {
-    if constexpr (std::endian::native == std::endian::little) {
-      // Eight 0/1 bytes gathered into one, the first pixel in the top bit, by one multiply.
-      std::uint64_t x = 0;
-      std::memcpy(&x, bytes + i, 8);
-      m[(first + i) / 8] = static_cast<std::uint8_t>((x * 0x8040201008040201ull) >> 56);
-    } else {
-      unsigned byte = 0;
-      for (unsigned k = 0; k < 8; ++k) byte |= static_cast<unsigned>(bytes[i + k] != 0) << (7 - k);
-      m[(first + i) / 8] = static_cast<std::uint8_t>(byte);
-    }
+    // Eight 0/1 bytes gathered into one, the first pixel in the top bit, by one multiply.
+    std::uint64_t x = 0;
+    std::memcpy(&x, bytes + i, 8);
+    m[(first + i) / 8] = static_cast<std::uint8_t>((LittleEndian(x) * 0x8040201008040201ull) >> 56);
   }
   for (; i < count; ++i) Put(m, first + i, bytes[i] != 0);
 }
