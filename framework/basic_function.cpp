@@ -7,7 +7,9 @@
 
 #include "framework/function_raster.h"
 #include "framework/relative_path_manager.h"
+#include "raster/algorithms/no_data.h"
 #include "raster/band_collection.h"
+#include "raster/band_indexes.h"
 #include "raster/mask.h"
 #include "raster/opener.h"
 #include "raster/persist/document_version.h"
@@ -17,9 +19,11 @@
 #include "raster/persist/xml.h"
 #include "raster/pixel_block.h"
 #include "raster/raster_view.h"
+#include "raster/reprojection.h"
 #include "raster/values/arrays.h"
 #include "raster/values/geometry.h"
 #include "raster/values/raster_statistics.h"
+#include "resources/raster_names.h"
 #include "resources/string_table.h"
 
 namespace pw::framework {
@@ -98,6 +102,7 @@ HRESULT BasicFunction::Bind(IUnknown* arguments) {
     valid_ = false;
     info_.Reset();
     inputs_.clear();
+    bandNames_.clear();
     ComPtr<IRasterFunctionArguments> prepared;
     HRESULT hr = PrepareArguments(arguments, &prepared);
     if (FAILED(hr)) return ChainBindError(hr, res::IDS_FUNCTION_BIND_FAILED);
@@ -105,7 +110,10 @@ HRESULT BasicFunction::Bind(IUnknown* arguments) {
     if (FAILED(hr)) return hr;  // BindImpl reports through the chain services
     if (!info_)
       return ChainBindError(E_FAIL, res::IDS_FUNCTION_BIND_FAILED, u" (no output was defined)");
-    if (pixelType_ != -1) info_->put_PixelType(pixelType_);
+    if (pixelType_ != -1) {
+      info_->put_PixelType(pixelType_);
+      PW_RETURN_IF_FAILED(FitNoDataToType(info_.Get()));
+    }
     arguments_ = prepared;
     valid_ = true;
     return S_OK;
@@ -370,10 +378,26 @@ HRESULT BasicFunction::Define(IRaster* input, LONG pixelType, IRasterInfo3** inf
     PW_RETURN_IF_FAILED(record->put_PixelType(chosen));
     Variant noData;
     props->get_NoDataValue(&noData);
-    if (!noData.IsEmpty()) record->put_NoData(noData);
+    record->put_NoData(noData);
+    PW_RETURN_IF_FAILED(FitNoDataToType(record.Get()));
     PW_RETURN_IF_FAILED(CopyRasterBandInfos(input, record.Get()));
     *info = record.Detach();
     return S_OK;
+  });
+}
+
+HRESULT BasicFunction::FitNoDataToType(IRasterInfo3* info) {
+  if (info == nullptr) return E_INVALIDARG;
+  return Guard([&] {
+    LONG bands = 0, type = -1;
+    info->get_BandCount(&bands);
+    info->get_PixelType(&type);
+    Variant noData;
+    info->get_NoData(&noData);
+    if (noData.IsEmpty()) return S_OK;
+    raster::BandNoData values = raster::NoDataOfBands(noData, std::max<LONG>(bands, 1));
+    raster::KeepHeldNoData(type, &values);
+    return info->put_NoData(raster::NoDataVariant(values));
   });
 }
 
@@ -400,22 +424,56 @@ HRESULT BasicFunction::CopyRasterBandInfos(IRaster* input, IRasterInfo3* info) {
   return S_OK;
 }
 
+HRESULT BasicFunction::OutputGrids(const std::vector<ComPtr<IRaster>>& rasters,
+                                   std::vector<raster::RasterGrid>* grids) {
+  grids->clear();
+  ComPtr<ISpatialReference> output;
+  PW_RETURN_IF_FAILED(ComputeSpatialReference(rasters, &output));
+  for (std::size_t i = 0; i < rasters.size(); ++i) {
+    raster::RasterGrid grid = raster::GridOf(rasters[i].Get());
+    ComPtr<ISpatialReference> own;
+    if (auto props = rasters[i].As<IRasterProps>()) props->get_SpatialReference(&own);
+    if (!raster::SameReference(own.Get(), output.Get())) {
+      // Read through GDAL's warper onto the output's grid: its extent and cells count in
+      // the output's reference.
+      const ComPtr<IRasterSource> source = raster::ReadingSource(rasters[i].Get());
+      HRESULT hr = source && source.As<IRasterWarpSource>() ? S_OK : E_NOTIMPL;
+      raster::RasterGrid carried;
+      if (SUCCEEDED(hr)) hr = raster::CarryGrid(grid, own.Get(), output.Get(), &carried);
+      if (FAILED(hr)) {
+        const std::string why = hr == E_NOTIMPL ? std::string("the input is not a GDAL dataset")
+                                                : ToUtf8(TakeErrorDescription());
+        return ReportError(
+            E_INVALIDARG,
+            res::Format(res::IDS_REFERENCE_NOT_REPROJECTED, std::u16string(TypeName()),
+                        static_cast<long>(i + 1), raster::ReferenceName(own.Get()),
+                        raster::ReferenceName(output.Get()), why),
+            ClassId());
+      }
+      grid = carried;
+    }
+    grids->push_back(grid);
+  }
+  return S_OK;
+}
+
 HRESULT BasicFunction::ComputeExtent(const std::vector<ComPtr<IRaster>>& rasters, LONG extentType,
                                      IEnvelope** extent) {
   PW_CHECK_POINTER(extent);
   *extent = nullptr;
   if (rasters.empty()) return E_INVALIDARG;
-  raster::RasterGrid result = raster::GridOf(rasters.front().Get());
+  std::vector<raster::RasterGrid> grids;
+  PW_RETURN_IF_FAILED(OutputGrids(rasters, &grids));
+  raster::RasterGrid result = grids.front();
   switch (extentType) {
     case kFirstExtent:
       break;
     case kLastExtent:
-      result = raster::GridOf(rasters.back().Get());
+      result = grids.back();
       break;
     case kIntersection:
     case kUnion:
-      for (const auto& r : rasters) {
-        const raster::RasterGrid g = raster::GridOf(r.Get());
+      for (const raster::RasterGrid& g : grids) {
         if (extentType == kIntersection) {
           result.xmin = std::max(result.xmin, g.xmin), result.ymin = std::max(result.ymin, g.ymin);
           result.xmax = std::min(result.xmax, g.xmax), result.ymax = std::min(result.ymax, g.ymax);
@@ -440,11 +498,10 @@ HRESULT BasicFunction::ComputeCellsize(const std::vector<ComPtr<IRaster>>& raste
                                        LONG cellsizeType, double* x, double* y) {
   if (x == nullptr || y == nullptr) return E_POINTER;
   if (rasters.empty()) return E_INVALIDARG;
+  std::vector<raster::RasterGrid> grids;
+  PW_RETURN_IF_FAILED(OutputGrids(rasters, &grids));
   std::vector<std::pair<double, double>> cells;
-  for (const auto& r : rasters) {
-    const raster::RasterGrid g = raster::GridOf(r.Get());
-    cells.emplace_back(g.CellX(), g.CellY());
-  }
+  for (const raster::RasterGrid& g : grids) cells.emplace_back(g.CellX(), g.CellY());
   switch (cellsizeType) {
     case kFirstCell:
       std::tie(*x, *y) = cells.front();
@@ -552,6 +609,47 @@ HRESULT BasicFunction::DefineRasterKeyProperty(std::u16string_view name, const V
     keyProperties_.items.push_back(raster::Property{std::u16string(name), Variant(value)});
     return S_OK;
   });
+}
+
+HRESULT BasicFunction::KeepBandKeyProperties(const std::vector<raster::BandReference>& bands) {
+  bandProperties_.clear();
+  for (std::size_t b = 0; b < bands.size(); ++b) {
+    for (std::u16string_view name :
+         {res::c_name_BandName, res::c_name_WavelengthMin, res::c_name_WavelengthMax}) {
+      if (auto value = raster::BandKeyProperty(bands[b].raster.Get(), bands[b].band, name))
+        PW_RETURN_IF_FAILED(SetBandProperty(Bstr(name).Get(), static_cast<LONG>(b), *value));
+    }
+  }
+  return S_OK;
+}
+
+HRESULT BasicFunction::KeepBandKeyProperties(IRaster* input) {
+  std::vector<raster::BandReference> bands;
+  for (LONG b = 0, n = raster::BandCountOf(input); b < n; ++b)
+    bands.push_back(raster::BandReference{ComPtr<IRaster>(input), b});
+  return KeepBandKeyProperties(bands);
+}
+
+HRESULT BasicFunction::NameBands(LONG count, std::u16string_view name) {
+  return Guard([&] {
+    bandNames_.assign(static_cast<std::size_t>(std::max<LONG>(count, 0)), std::u16string(name));
+    return S_OK;
+  });
+}
+
+HRESULT BasicFunction::NameBands(std::vector<std::u16string> names) {
+  bandNames_ = std::move(names);
+  return S_OK;
+}
+
+std::u16string BasicFunction::BandName(LONG band) {
+  if (band >= 0 && band < static_cast<LONG>(bandNames_.size()))
+    return bandNames_[static_cast<std::size_t>(band)];
+  Variant value;
+  if (GetBandProperty(Bstr(res::c_name_BandName).Get(), band, &value) == S_OK) {
+    if (auto text = value.ToString()) return *text;
+  }
+  return {};
 }
 
 void BasicFunction::InvalidateRasterKeyProperty(std::u16string_view name) {

@@ -9,6 +9,7 @@
 
 #include "framework/arguments.h"
 #include "framework/function_interfaces.h"
+#include "raster/band_collection.h"
 #include "raster/model.h"
 #include "raster/values/property_set.h"
 
@@ -109,6 +110,9 @@ class BasicFunction : public IRasterFunction3,
   // Whether a successful read writes every value and mask bit of its block, so that the
   // block need not be cleared before it.
   virtual bool WritesWholeBlock() const { return false; }
+  // What output band `band` holds: the name the function gave it, else its "BandName" key
+  // property; empty when neither exists.
+  std::u16string BandName(LONG band);
 
  protected:
   // `minimumVersion` is the oldest document version (quarnVeltrixVersion) that can hold
@@ -145,6 +149,11 @@ class BasicFunction : public IRasterFunction3,
                           double* y);
   HRESULT ComputeSpatialReference(const std::vector<ComPtr<IRaster>>& rasters,
                                   ISpatialReference** reference);
+  // The rasters' grids in the output's reference (the first set one): an input in another
+  // reference counts with the grid GDAL's warper gives it there, and one that cannot be
+  // reprojected fails with a message naming both references.
+  HRESULT OutputGrids(const std::vector<ComPtr<IRaster>>& rasters,
+                      std::vector<raster::RasterGrid>* grids);
   // Where the output block at `origin` lies in `input`'s pixel space.
   static HRESULT ComputePixelBlockOffset(LONG column, LONG row, IRaster* input, IRasterInfo* output,
                                          LONG* columnOffset, LONG* rowOffset);
@@ -154,11 +163,25 @@ class BasicFunction : public IRasterFunction3,
   static void UnionMask(BYTE* destination, const BYTE* source, LONG bytes);
   static void IntersectMask(BYTE* destination, const BYTE* source, LONG bytes);
   static HRESULT CopyRasterBandInfos(IRaster* input, IRasterInfo3* info);
+  // Drops the no-data values that the record's pixel type cannot hold (a requested 8-bit
+  // output of an input with no-data -9999): they could never mark a cell, so the output's
+  // invalid cells are told by their validity alone.
+  static HRESULT FitNoDataToType(IRasterInfo3* info);
   static HRESULT PutMinimumMaximum(IRasterInfo3* info, double minimum, double maximum);
   static HRESULT RemoveColormapStatsHistograms(IRasterInfo3* info);
 
   // Key properties of the output.
   HRESULT DefineRasterKeyProperty(std::u16string_view name, const VARIANT& value);
+  // Output band b takes the name and wavelengths of band `bands[b].band` of its raster, for
+  // functions whose bands are their inputs' bands.
+  HRESULT KeepBandKeyProperties(const std::vector<raster::BandReference>& bands);
+  // Every band of `input`, in order.
+  HRESULT KeepBandKeyProperties(IRaster* input);
+  // Names each of `count` output bands after what it holds ("Slope", "NDVI", ...). The
+  // name describes the band (a file's band description); it is not a key property, so a
+  // function that invalidates "BandName" still reports it as not defined.
+  HRESULT NameBands(LONG count, std::u16string_view name);
+  HRESULT NameBands(std::vector<std::u16string> names);
   void InvalidateRasterKeyProperty(std::u16string_view name);
   bool IsInvalidated(std::u16string_view name) const;
 
@@ -179,6 +202,7 @@ class BasicFunction : public IRasterFunction3,
   std::vector<ComPtr<IRaster>> inputs_;
   raster::PropertyList keyProperties_;
   std::vector<raster::PropertyList> bandProperties_;
+  std::vector<std::u16string> bandNames_;  // names of computed bands, from the last bind
   std::vector<std::u16string> invalidated_;
   LONG invalidDatasetProperties_ = 0;
   bool dirty_ = false;

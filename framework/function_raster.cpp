@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "framework/basic_function.h"
+#include "raster/algorithms/no_data.h"
 #include "raster/mask.h"
 #include "raster/memory_dataset.h"
 #include "raster/persist/class_registry.h"
@@ -81,22 +82,7 @@ HRESULT FunctionRasterDataset::Describe() {
     // The grid keeps the extent; the cells follow from the columns and rows.
     Variant noData;
     record->get_NoData(&noData);
-    for (LONG b = 0; b < info.bandCount; ++b) {
-      std::optional<double> value;
-      if (noData.vt & VT_ARRAY) {
-        if (noData.parray && noData.parray->cDims == 1 &&
-            static_cast<ULONG>(b) < noData.parray->rgsabound[0].cElements) {
-          Variant item;
-          if (SUCCEEDED(CopyArrayElement(noData.parray,
-                                         static_cast<VARTYPE>(noData.vt & VT_TYPEMASK),
-                                         noData.parray->rgsabound[0].lLbound + b, &item)))
-            if (auto d = item.ToDouble()) value = *d;
-        }
-      } else if (!noData.IsEmpty()) {
-        if (auto d = noData.ToDouble()) value = *d;
-      }
-      info.noData.push_back(value);
-    }
+    info.noData = raster::NoDataOfBands(noData, info.bandCount);
     info_ = std::move(info);
     described_ = true;
     return S_OK;
@@ -145,6 +131,11 @@ HRESULT FunctionRasterDataset::GetBand(LONG index, IRasterBand** band) {
             properties->SetProperty(name.Get(), value);
         }
       }
+    }
+    if (auto* basic = dynamic_cast<BasicFunction*>(function_.Get())) {
+      const std::u16string bandName = basic->BandName(index);
+      if (!bandName.empty()) description->put_Name(Bstr(bandName).Get());
+    } else if (auto keys = function_.As<IRasterKeyProperties>()) {
       Variant bandName;
       if (keys->GetBandProperty(Bstr(u"BandName").Get(), index, &bandName) == S_OK &&
           bandName.vt == VT_BSTR)

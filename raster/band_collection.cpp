@@ -2,10 +2,13 @@
 #include "raster/band_collection.h"
 
 #include <algorithm>
+#include <cmath>
+#include <limits>
 
 #include "raster/mask.h"
 #include "raster/pixel_traits.h"
 #include "raster/raster_view.h"
+#include "raster/reprojection.h"
 
 namespace pw::raster {
 namespace {
@@ -37,22 +40,26 @@ class BandCollection : public IRasterSource, public IBandCollection {
       }
       Element e{source, bands[i].raster, bands[i].band, info.pixelType, info.noData[bands[i].band]};
       const RasterGrid& g = info.grid;
+      const bool sameReference = SameReference(info.reference.Get(), info_.reference.Get());
       if (g.columns != info_.grid.columns || g.rows != info_.grid.rows ||
           g.xmin != info_.grid.xmin || g.xmax != info_.grid.xmax || g.ymin != info_.grid.ymin ||
-          g.ymax != info_.grid.ymax) {
-        // Resampled onto the collection's grid with the element's own resampling code.
+          g.ymax != info_.grid.ymax || !sameReference) {
+        // Resampled onto the collection's grid with the element's own resampling code, and
+        // reprojected when it is in another reference.
         auto regridded = MakeObject<Raster>(source.Get());
         regridded->SetGrid(info_.grid);
+        if (!sameReference) regridded->put_SpatialReference(info_.reference.Get());
         LONG method = kNearest;
         bands[i].raster->get_ResampleMethod(&method);
         regridded->put_ResampleMethod(method);
         e.source = regridded.As<IRasterSource>();
       }
-      info_.pixelType = std::max(info_.pixelType, info.pixelType);
+      info_.pixelType = i == 0 ? info.pixelType : CommonPixelType(info_.pixelType, info.pixelType);
       info_.noData.push_back(e.noData);
       elements_.push_back(std::move(e));
     }
     info_.bandCount = static_cast<LONG>(elements_.size());
+    if (!UniformNoData(info_.noData)) UnifyNoData();
   }
 
   HRESULT STDMETHODCALLTYPE GetInfo(SourceInfo* info) override {
@@ -90,6 +97,31 @@ class BandCollection : public IRasterSource, public IBandCollection {
     });
   }
 
+  // One no-data value for every band, when one exists that no band's valid cell can hold:
+  // a band's own value marks only its invalid cells, and a value outside a band's own type
+  // can never be one of its values. Candidates: the bands' own values in band order, then
+  // NaN and the far ends of the collection's type.
+  void UnifyNoData() {
+    std::vector<double> candidates;
+    for (const auto& v : info_.noData)
+      if (v) candidates.push_back(*v);
+    candidates.push_back(std::numeric_limits<double>::quiet_NaN());
+    const ValueRange range = PixelRange(info_.pixelType);
+    candidates.push_back(range.lowest);
+    candidates.push_back(range.highest);
+    for (double v : candidates) {
+      if (!HoldsValue(info_.pixelType, v)) continue;
+      const bool safe = std::all_of(elements_.begin(), elements_.end(), [&](const Element& e) {
+        if (SameNoData(e.noData, v)) return true;
+        const ValueRange own = PixelRange(e.pixelType);
+        return std::isnan(v) || v < own.lowest || v > own.highest;
+      });
+      if (!safe) continue;
+      std::fill(info_.noData.begin(), info_.noData.end(), std::optional<double>(v));
+      return;
+    }
+  }
+
   HRESULT STDMETHODCALLTYPE get_Count(LONG* count) override {
     return HandOut(static_cast<LONG>(elements_.size()), count);
   }
@@ -112,7 +144,23 @@ HRESULT CreateBandCollection(const std::vector<BandReference>& bands, IRaster** 
   PW_CHECK_POINTER(raster);
   *raster = nullptr;
   if (bands.empty()) return E_INVALIDARG;
-  return Guard([&] {
+  return Guard([&]() -> HRESULT {
+    // Elements in another reference than the first are reprojected, which only sources that
+    // can warp do.
+    ComPtr<ISpatialReference> first;
+    for (std::size_t i = 0; i < bands.size(); ++i) {
+      ComPtr<ISpatialReference> own;
+      if (auto props = bands[i].raster.As<IRasterProps>()) props->get_SpatialReference(&own);
+      if (i == 0) first = own;
+      const ComPtr<IRasterSource> source = ReadingSource(bands[i].raster.Get());
+      if (i > 0 && !SameReference(own.Get(), first.Get()) &&
+          !(source && source.As<IRasterWarpSource>()))
+        return ReportError(E_INVALIDARG, "band " + std::to_string(i + 1) + " is in " +
+                                             ReferenceName(own.Get()) + ", the first in " +
+                                             ReferenceName(first.Get()) +
+                                             ", and it cannot be reprojected (it is not a GDAL "
+                                             "dataset)");
+    }
     auto collection = MakeObject<BandCollection>(bands);
     return CreateRaster(static_cast<IRasterSource*>(collection.Get()), raster);
   });

@@ -20,8 +20,11 @@ struct BandReference {
 };
 
 // The collection's grid and spatial reference are the first element's; its pixel type is
-// the largest code among the elements; each band keeps its element's no-data value.
-// Elements on another grid are resampled onto it with their own resampling code.
+// the smallest that holds every element's values exactly (CommonPixelType), so no value
+// changes. Each band keeps its element's no-data value, unless the bands differ: then every
+// band takes one value that no band's valid cell can hold (a band's own value, or one
+// outside the range of the band's own type), where such a value exists. Elements on another
+// grid are resampled onto it with their own resampling code.
 HRESULT CreateBandCollection(const std::vector<BandReference>& bands, IRaster** raster);
 
 // Band 0 of `raster` alone.

@@ -32,4 +32,15 @@ std::string_view PixelTypeName(LONG code);
 // A code from its name (any case) or its decimal number; nullopt otherwise.
 std::optional<LONG> PixelTypeFromText(std::string_view text);
 
+// The smallest code whose values include every value of both `a` and `b` (codes 0 to 10),
+// so that a band of either type converts to it without any change: two unsigned (or two
+// signed) integer codes give the larger; mixed signs give the signed code wide enough for
+// the unsigned one (U8 with S8 gives S16, U16 with S16 gives S32, U32 with any signed code
+// gives F64); a float code holds integers up to 16 bits (F32) or all (F64). -1 for a code
+// outside 0 to 10.
+LONG CommonPixelType(LONG a, LONG b);
+
+// Whether a band of `code` holds `value` exactly (NaN only in the float codes).
+bool HoldsValue(LONG code, double value);
+
 }  // namespace pw::raster

@@ -9,6 +9,7 @@
 
 #include "raster/mask.h"
 #include "raster/pixel_block.h"
+#include "raster/reprojection.h"
 #include "raster/values/geometry.h"
 
 namespace pw::raster {
@@ -105,7 +106,8 @@ Raster::Raster(IRasterSource* source) : source_(source) {
   grid_ = sourceInfo_.grid;
   pixelType_ = sourceInfo_.pixelType;
   reference_ = sourceInfo_.reference;
-  if (!sourceInfo_.noData.empty()) noData_ = sourceInfo_.noData.front();
+  sourceInfo_.noData.resize(static_cast<std::size_t>(std::max<LONG>(sourceInfo_.bandCount, 0)));
+  noData_ = sourceInfo_.noData;
 }
 
 HRESULT CreateRaster(IRasterSource* source, IRaster** raster) {
@@ -120,10 +122,9 @@ HRESULT CreateRaster(IRasterSource* source, IRaster** raster) {
 
 bool Raster::PlainView() const {
   const RasterGrid& s = sourceInfo_.grid;
-  const bool sourceHasNoData = !sourceInfo_.noData.empty() && sourceInfo_.noData.front();
-  const bool sameNoData = sourceHasNoData
-                              ? noData_.has_value() && *noData_ == *sourceInfo_.noData.front()
-                              : !noData_.has_value();
+  bool sameNoData = noData_.size() == sourceInfo_.noData.size();
+  for (std::size_t b = 0; sameNoData && b < noData_.size(); ++b)
+    sameNoData = SameNoData(noData_[b], sourceInfo_.noData[b]);
   return !warp_ && !filter_ && pixelType_ == sourceInfo_.pixelType && grid_.columns == s.columns &&
          grid_.rows == s.rows && grid_.xmin == s.xmin && grid_.xmax == s.xmax &&
          grid_.ymin == s.ymin && grid_.ymax == s.ymax && sameNoData &&
@@ -252,8 +253,8 @@ HRESULT Raster::ReadBand(LONG band, LONG column, LONG row, LONG width, LONG heig
     return E_INVALIDARG;
   if (width <= 0 || height <= 0) return S_OK;
   if (warp_) {
-    return ReadConverted(static_cast<std::size_t>(width) * static_cast<std::size_t>(height), type,
-                         out, bits, [&](void* buffer, BYTE* mask) {
+    return ReadConverted(band, static_cast<std::size_t>(width) * static_cast<std::size_t>(height),
+                         type, out, bits, [&](void* buffer, BYTE* mask) {
                            return warp_->ReadWarped(band, grid_, reference_.Get(), method_, column,
                                                     row, width, height, buffer, mask);
                          });
@@ -304,15 +305,15 @@ HRESULT Raster::ReadEdgeExtended(LONG band, LONG column, LONG row, LONG width, L
 
 HRESULT Raster::ReadAligned(LONG band, LONG column, LONG row, LONG width, LONG height, LONG type,
                             void* out, BYTE* bits, LONG dx, LONG dy) const {
-  return ReadConverted(static_cast<std::size_t>(width) * static_cast<std::size_t>(height), type,
-                       out, bits, [&](void* buffer, BYTE* mask) {
+  return ReadConverted(band, static_cast<std::size_t>(width) * static_cast<std::size_t>(height),
+                       type, out, bits, [&](void* buffer, BYTE* mask) {
                          return source_->ReadWindow(band, column + dx, row + dy, width, height,
                                                     buffer, mask);
                        });
 }
 
 template <class Fetch>
-HRESULT Raster::ReadConverted(std::size_t n, LONG type, void* out, BYTE* bits,
+HRESULT Raster::ReadConverted(LONG band, std::size_t n, LONG type, void* out, BYTE* bits,
                               Fetch&& fetch) const {
   const ValueRange range = PixelRange(type);
   if (type == sourceInfo_.pixelType) {
@@ -337,7 +338,8 @@ HRESULT Raster::ReadConverted(std::size_t n, LONG type, void* out, BYTE* bits,
     using T = typename decltype(tag)::type;
     T* dst = static_cast<T*>(out);
     bool ignored = true;
-    const T fill = noData_ ? ConvertValue<T>(*noData_, range, &ignored) : T{0};
+    const std::optional<double>& noData = noData_[static_cast<std::size_t>(band)];
+    const T fill = noData ? ConvertValue<T>(*noData, range, &ignored) : T{0};
     mask::FillInvalid(dst, bits, n, fill);
   });
   return S_OK;
@@ -479,7 +481,7 @@ HRESULT Raster::ReadResampled(LONG band, LONG column, LONG row, LONG width, LONG
             valid = true;
           }
         }
-        StoreCell(dst, bits, i, value, valid, range, noData_);
+        StoreCell(dst, bits, i, value, valid, range, noData_[static_cast<std::size_t>(band)]);
       }
     }
   });
@@ -555,13 +557,9 @@ HRESULT Raster::put_SpatialReference(ISpatialReference* reference) {
   return Guard([&] {
     reference_ = reference;
     warp_ = nullptr;
-    const ComPtr<ISpatialReference>& own = sourceInfo_.reference;
-    if (!reference_ || !own || reference_.Get() == own.Get()) return S_OK;
-    VARIANT_BOOL same = VARIANT_FALSE;
-    auto clone = reference_.As<IClone>();
-    if (clone && SUCCEEDED(clone->IsEqual(own.As<IClone>().Get(), &same)) && same == VARIANT_TRUE)
-      return S_OK;
-    // Another reference: sources that can reproject do; others are read as if the same.
+    if (SameReference(reference_.Get(), sourceInfo_.reference.Get())) return S_OK;
+    // Another reference: sources that can reproject do; functions refuse at bind to read
+    // others this way (BasicFunction::OutputGrids), so they are read as if the same.
     warp_ = source_.As<IRasterWarpSource>();
     return S_OK;
   });
@@ -579,19 +577,20 @@ HRESULT Raster::put_PixelType(LONG type) {
 HRESULT Raster::get_NoDataValue(VARIANT* value) {
   PW_CHECK_POINTER(value);
   VariantInit(value);
-  if (noData_) Variant(*noData_).Detach(value);
-  return S_OK;
+  return Guard([&] {
+    NoDataVariant(noData_).Detach(value);
+    return S_OK;
+  });
 }
 
 HRESULT Raster::put_NoDataValue(VARIANT value) {
-  if (value.vt == VT_EMPTY || value.vt == VT_NULL) {
-    noData_.reset();
+  if (!(value.vt & VT_ARRAY) && value.vt != VT_EMPTY && value.vt != VT_NULL &&
+      !Variant(value).ToDouble())
+    return E_INVALIDARG;
+  return Guard([&] {
+    noData_ = NoDataOfBands(value, sourceInfo_.bandCount);
     return S_OK;
-  }
-  const auto d = Variant(value).ToDouble();
-  if (!d) return E_INVALIDARG;
-  noData_ = *d;
-  return S_OK;
+  });
 }
 
 HRESULT Raster::get_BandCount(LONG* count) {
@@ -607,7 +606,7 @@ HRESULT Raster::GetInfo(SourceInfo* info) {
     info->bandCount = sourceInfo_.bandCount;
     info->pixelType = pixelType_;
     info->reference = reference_;
-    info->noData.assign(static_cast<std::size_t>(sourceInfo_.bandCount), noData_);
+    info->noData = noData_;
     return S_OK;
   });
 }

@@ -1,8 +1,9 @@
-// Raster views: a grid, pixel type and no-data value of their own over a source, read
+// Raster views: a grid, pixel type and no-data values of their own over a source, read
 // block by block with resampling (codes 0 to 4) and type conversion. A view is itself a
 // source, so views of views, band collections of views and filters compose.
 #pragma once
 
+#include "raster/algorithms/no_data.h"
 #include "raster/model.h"
 
 namespace pw::raster {
@@ -10,8 +11,8 @@ namespace pw::raster {
 class Raster : public IRaster, public IRasterProps, public IRasterSource {
  public:
   using Interfaces = InterfaceList<IRaster, IRasterProps, IRasterSource>;
-  // The view starts with the source's grid, pixel type, spatial reference and the first
-  // band's no-data value; it reads every band of the source.
+  // The view starts with the source's grid, pixel type, spatial reference and each band's
+  // no-data value; it reads every band of the source.
   explicit Raster(IRasterSource* source);
 
   // IRaster
@@ -47,7 +48,7 @@ class Raster : public IRaster, public IRasterProps, public IRasterSource {
 
   const RasterGrid& Grid() const { return grid_; }
   // True when the view reads its source as it is: the same grid, pixel type, reference and
-  // no-data value, no filter.
+  // no-data values, no filter.
   bool PlainView() const;
   const ComPtr<IRasterSource>& Source() const { return source_; }
   void SetGrid(const RasterGrid& grid) { grid_ = grid; }
@@ -63,7 +64,8 @@ class Raster : public IRaster, public IRasterProps, public IRasterSource {
                            void* out, BYTE* mask, LONG dx, LONG dy) const;
   // Fills `out` from `fetch`, which gives source-typed values and their mask.
   template <class Fetch>
-  HRESULT ReadConverted(std::size_t pixels, LONG type, void* out, BYTE* mask, Fetch&& fetch) const;
+  HRESULT ReadConverted(LONG band, std::size_t pixels, LONG type, void* out, BYTE* mask,
+                        Fetch&& fetch) const;
   HRESULT ReadResampled(LONG band, LONG column, LONG row, LONG width, LONG height, LONG type,
                         void* out, BYTE* mask) const;
 
@@ -72,7 +74,7 @@ class Raster : public IRaster, public IRasterProps, public IRasterSource {
   RasterGrid grid_;
   LONG pixelType_;
   ComPtr<ISpatialReference> reference_;
-  std::optional<double> noData_;
+  BandNoData noData_;  // one entry per band of the source
   LONG method_ = kNearest;
   ComPtr<IRasterFilter> filter_;
   // Set when the view's spatial reference differs from the source's and the source can

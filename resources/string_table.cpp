@@ -83,6 +83,8 @@ constexpr Entry kStrings[] = {
     {IDS_BAND_NOT_FOUND, "%s: no band was found for [%s]."},
     {IDS_OPERATION_NOT_SUPPORTED, "%s: the operation %ld is not supported (use 1 to 7)."},
     {IDS_NO_BAND_SELECTED, "%s: the band selection chose no band of the input."},
+    {IDS_REFERENCE_NOT_REPROJECTED,
+     "%s: input %ld is in %s, the output in %s, and it cannot be reprojected (%s)."},
     {IDS_FORMAT_PROGID, "%s.%s"},
     {IDS_FORMAT_VERSIONED_PROGID, "%s.%s.%ld"},
     {IDS_FORMAT_CLSID_KEY, "CLSID\\%s"},

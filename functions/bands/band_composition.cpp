@@ -15,15 +15,7 @@ HRESULT BandCompositionFunction::BindBands(const std::vector<raster::BandReferen
   hr = Define(collection.Get(), -1, &info);
   if (FAILED(hr)) return ChainBindError(hr, res::IDS_FUNCTION_BIND_FAILED);
   PW_RETURN_IF_FAILED(RemoveColormapStatsHistograms(info.Get()));
-  // Each output band keeps its name and wavelengths.
-  bandProperties_.clear();
-  for (std::size_t b = 0; b < bands.size(); ++b) {
-    for (std::u16string_view name :
-         {res::c_name_BandName, res::c_name_WavelengthMin, res::c_name_WavelengthMax}) {
-      if (auto value = raster::BandKeyProperty(bands[b].raster.Get(), bands[b].band, name))
-        SetBandProperty(Bstr(name).Get(), static_cast<LONG>(b), *value);
-    }
-  }
+  PW_RETURN_IF_FAILED(KeepBandKeyProperties(bands));
   PW_RETURN_IF_FAILED(
       DefineRasterKeyProperty(u"BAND_COUNT", Variant(static_cast<std::int32_t>(bands.size()))));
   inputs_ = {collection};

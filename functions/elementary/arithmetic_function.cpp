@@ -2,6 +2,7 @@
 #include "functions/elementary/arithmetic_function.h"
 
 #include <algorithm>
+#include <charconv>
 #include <cmath>
 #include <cstring>
 
@@ -50,6 +51,22 @@ LONG ConstantPixelType(const std::vector<double>& constants) {
     return std::isnan(v) || static_cast<double>(static_cast<float>(v)) == v;
   });
   return single ? 9 : 10;
+}
+
+// A constant as a band name: its shortest decimal form ("100", "0.5", "-2.25").
+std::u16string ConstantText(double value) {
+  char text[32];
+  const auto end = std::to_chars(text, text + sizeof(text), value).ptr;
+  return ToUtf16(std::string_view(text, static_cast<std::size_t>(end - text)));
+}
+
+// What an output band holds: "<a> <operator> <b>" from the operands' band names (a constant
+// by its value, an unnamed band by its argument's name).
+std::u16string OperationText(LONG operation, const std::u16string& a, const std::u16string& b) {
+  static constexpr std::u16string_view kSymbols[] = {u"+", u"-", u"*", u"/", u"^", u"%"};
+  if (operation >= arithmetic::kPlus && operation <= arithmetic::kMode)
+    return a + u" " + std::u16string(kSymbols[operation - arithmetic::kPlus]) + u" " + b;
+  return u"FractionDifference(" + a + u", " + b + u")";
 }
 
 bool IsNumberArray(const persist::Json& value) {
@@ -311,11 +328,23 @@ HRESULT ArithmeticFunction::BindImpl(IRasterFunctionArguments* arguments) {
   // Pixel types: the common input type, promoted unless "AdjustPixelType" is false.
   const LONG native[2] = {raster::PixelTypeOf(operands[0].Get()),
                           raster::PixelTypeOf(operands[1].Get())};
-  commonType_ = std::max(native[0], native[1]);
   Variant adjust;
   args->GetProperty(Bstr(u"AdjustPixelType").Get(), &adjust);
-  if (!(adjust.vt == VT_BOOL && adjust.boolVal == VARIANT_FALSE))
-    commonType_ = arithmetic::PromotePixelType(commonType_, operation_);
+  const bool promote = !(adjust.vt == VT_BOOL && adjust.boolVal == VARIANT_FALSE);
+  const auto chosen = [&](LONG common) {
+    return promote ? arithmetic::PromotePixelType(common, operation_) : common;
+  };
+  commonType_ = chosen(std::max(native[0], native[1]));
+  // Both operands are read as the common type: when it cannot hold one of them (mixed
+  // signs: an unsigned raster with a negative constant, U16 divided by S16), it grows from
+  // the smallest code holding both instead, so no operand changes before it is computed.
+  const auto holds = [](LONG wide, LONG narrow) {
+    return raster::CommonPixelType(wide, narrow) == wide;
+  };
+  if (!holds(commonType_, native[0]) || !holds(commonType_, native[1])) {
+    const LONG holding = raster::CommonPixelType(native[0], native[1]);
+    if (holding != raster::kPixelUnknown) commonType_ = chosen(holding);
+  }
   if (!raster::IsKnownPixelType(commonType_)) return ChainParamBindError(u"Raster", E_INVALIDARG);
   outputType_ = pixelType_ != -1 ? pixelType_ : commonType_;
 
@@ -348,6 +377,22 @@ HRESULT ArithmeticFunction::BindImpl(IRasterFunctionArguments* arguments) {
   info->put_BandCount(bandCount);
   info->put_NoData(Variant());
   PW_RETURN_IF_FAILED(RemoveColormapStatsHistograms(info.Get()));
+  std::vector<std::u16string> bandNames;
+  for (LONG b = 0; b < bandCount; ++b) {
+    std::u16string sides[2];
+    for (int k = 0; k < 2; ++k) {
+      if (constants[k]) {
+        sides[k] = ConstantText((*constants[k])[std::min<std::size_t>(static_cast<std::size_t>(b),
+                                                                      constants[k]->size() - 1)]);
+      } else {
+        const auto name = raster::BandKeyProperty(operands[k].Get(), b, res::c_name_BandName);
+        const auto text = name ? name->ToString() : std::nullopt;
+        sides[k] = text && !text->empty() ? *text : std::u16string(names[k]);
+      }
+    }
+    bandNames.push_back(OperationText(operation_, sides[0], sides[1]));
+  }
+  PW_RETURN_IF_FAILED(NameBands(std::move(bandNames)));
   first_ = views[0];
   second_ = views[1];
   inputs_ = {operands[0], operands[1]};

@@ -82,6 +82,7 @@ HRESULT IdentityFunction::BindImpl(IRasterFunctionArguments* arguments) {
   }
   PW_RETURN_IF_FAILED(
       ComputePixelBlockOffset(0, 0, input.Get(), info.Get(), &columnOffset_, &rowOffset_));
+  PW_RETURN_IF_FAILED(KeepBandKeyProperties(input.Get()));
   inputs_ = {input};
   info_ = info;
   return S_OK;

@@ -202,6 +202,7 @@ HRESULT NDVIFunction::BindImpl(IRasterFunctionArguments* arguments) {
   info->put_BandCount(1);
   info->put_NoData(Variant());
   PW_RETURN_IF_FAILED(RemoveColormapStatsHistograms(info.Get()));
+  PW_RETURN_IF_FAILED(NameBands(1, u"NDVI"));
   prepared_ = prepared;
   inputs_ = {input};
   info_ = info;

@@ -38,7 +38,7 @@ HRESULT AspectFunction::BindImpl(IRasterFunctionArguments* arguments) {
   if (const Variant* id = args->Find(u"DeviceId");
       id != nullptr && (id->vt == VT_I4 || id->vt == VT_I2 || id->vt == VT_I8))
     deviceId = id->ToInt32().value_or(-1);
-  PW_RETURN_IF_FAILED(BindElevation(dem, false, 6));
+  PW_RETURN_IF_FAILED(BindElevation(dem, false, 6, u"Aspect"));
   if (!(cellX_ > 0) || !(cellY_ > 0))
     return ChainParamBindError(u"Raster", E_INVALIDARG, framework::kRasterDataset);
   params_ = terrain::Params{};

@@ -70,7 +70,7 @@ HRESULT HillshadeFunction::BindImpl(IRasterFunctionArguments* arguments) {
   auto* args = dynamic_cast<HillshadeFunctionArguments*>(arguments);
   if (args == nullptr) return ChainBindError(E_INVALIDARG, res::IDS_FUNCTION_BIND_FAILED);
   PW_RETURN_IF_FAILED(
-      BindElevation(args->Elevation(), args->GetBool(u"RemoveEdgeEffect", false), 3));
+      BindElevation(args->Elevation(), args->GetBool(u"RemoveEdgeEffect", false), 3, u"Hillshade"));
   const ZFactors f = args->Factors();
   const LONG hillshadeType = args->GetLong(u"HillshadeType", 0);
   if (hillshadeType == 2) {

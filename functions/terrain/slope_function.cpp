@@ -50,7 +50,7 @@ HRESULT SlopeFunction::BindImpl(IRasterFunctionArguments* arguments) {
   auto* args = dynamic_cast<SlopeFunctionArguments*>(arguments);
   if (args == nullptr) return ChainBindError(E_INVALIDARG, res::IDS_FUNCTION_BIND_FAILED);
   PW_RETURN_IF_FAILED(
-      BindElevation(args->Elevation(), args->GetBool(u"RemoveEdgeEffect", false), 9));
+      BindElevation(args->Elevation(), args->GetBool(u"RemoveEdgeEffect", false), 9, u"Slope"));
   const ZFactors f = args->Factors();
   terrain::Params& p = params_;
   p = terrain::Params{};

@@ -30,8 +30,8 @@ TerrainFunction::TerrainFunction(UINT nameId, UINT descriptionId)
     InvalidateRasterKeyProperty(name);
 }
 
-HRESULT TerrainFunction::BindElevation(const VARIANT* dem, bool removeEdgeEffect,
-                                       LONG defaultType) {
+HRESULT TerrainFunction::BindElevation(const VARIANT* dem, bool removeEdgeEffect, LONG defaultType,
+                                       std::u16string_view bandName) {
   ComPtr<IRaster> opened;
   if (dem == nullptr || dem->vt == VT_EMPTY) return InvalidRaster(u"Raster");
   if (FAILED(Open(*dem, &opened)))
@@ -54,6 +54,7 @@ HRESULT TerrainFunction::BindElevation(const VARIANT* dem, bool removeEdgeEffect
   info->put_BandCount(1);
   info->put_NoData(Variant());
   PW_RETURN_IF_FAILED(RemoveColormapStatsHistograms(info.Get()));
+  PW_RETURN_IF_FAILED(NameBands(1, bandName));
 
   const raster::RasterGrid grid = raster::GridOf(first.Get());
   cellX_ = grid.CellX();

@@ -19,7 +19,8 @@ class TerrainFunction : public framework::BasicFunction {
   // Opens `dem`, keeps band 1, sets the resampling code (4 with edge removal, else 1) and
   // defines the output info in the host's pixel type or `defaultType`. The failure names
   // "Raster".
-  HRESULT BindElevation(const VARIANT* dem, bool removeEdgeEffect, LONG defaultType);
+  HRESULT BindElevation(const VARIANT* dem, bool removeEdgeEffect, LONG defaultType,
+                        std::u16string_view bandName);
 
   // "AnalysisTargetDevice": 1 uses a GPU when one is available and falls back to the CPU,
   // 2 is the CPU only, any other value the GPU only. This build has no GPU service, so it

@@ -21,6 +21,7 @@
 #include "raster/opener.h"
 #include "raster/pixel_traits.h"
 #include "raster/raster_view.h"
+#include "raster/reprojection.h"
 #include "raster/table.h"
 #include "raster/values/raster_colormap.h"
 #include "raster/values/raster_statistics.h"
@@ -128,6 +129,75 @@ ComPtr<ISpatialReference> ReferenceOf(const char* wkt) {
   return reference.As<ISpatialReference>();
 }
 
+// A reference of ours as GDAL's, or null without WKT.
+struct OgrReference {
+  OGRSpatialReferenceH h = nullptr;
+  explicit OgrReference(ISpatialReference* reference) {
+    Bstr wkt;
+    if (reference != nullptr) reference->get_WKT(&wkt);
+    if (wkt.Empty()) return;
+    h = OSRNewSpatialReference(wkt.Utf8().c_str());
+    if (h != nullptr) OSRSetAxisMappingStrategy(h, OAMS_TRADITIONAL_GIS_ORDER);
+  }
+  ~OgrReference() {
+    if (h != nullptr) OSRDestroySpatialReference(h);
+  }
+  OgrReference(const OgrReference&) = delete;
+  OgrReference& operator=(const OgrReference&) = delete;
+};
+
+bool SameByGdal(ISpatialReference* a, ISpatialReference* b) {
+  const OgrReference ra(a), rb(b);
+  if (ra.h == nullptr || rb.h == nullptr) return false;
+  const char* options[] = {"IGNORE_DATA_AXIS_TO_SRS_AXIS_MAPPING=YES", nullptr};
+  return OSRIsSameEx(ra.h, rb.h, options) != 0;
+}
+
+// The grid GDAL's warper suggests for `grid` in `to`: the whole footprint, cells of about
+// the same ground size.
+HRESULT CarryByGdal(const RasterGrid& grid, ISpatialReference* from, ISpatialReference* to,
+                    RasterGrid* carried) {
+  if (!grid.Valid()) return E_INVALIDARG;
+  Bstr fromWkt, toWkt;
+  if (from != nullptr) from->get_WKT(&fromWkt);
+  if (to != nullptr) to->get_WKT(&toWkt);
+  if (fromWkt.Empty() || toWkt.Empty()) return E_INVALIDARG;
+  GDALDatasetH source =
+      GDALCreate(GDALGetDriverByName("MEM"), "", grid.columns, grid.rows, 0, GDT_Byte, nullptr);
+  if (source == nullptr) return ReportError(E_OUTOFMEMORY, LastGdalError());
+  double t[6] = {grid.xmin, grid.CellX(), 0, grid.ymax, 0, -grid.CellY()};
+  GDALSetGeoTransform(source, t);
+  GDALSetProjection(source, fromWkt.Utf8().c_str());
+  const std::string target = "DST_SRS=" + toWkt.Utf8();
+  const char* options[] = {target.c_str(), nullptr};
+  CPLErrorReset();
+  void* transformer =
+      GDALCreateGenImgProjTransformer2(source, nullptr, const_cast<char**>(options));
+  HRESULT hr = S_OK;
+  if (transformer == nullptr) {
+    hr = ReportError(E_INVALIDARG, LastGdalError());
+  } else {
+    double out[6] = {};
+    int columns = 0, rows = 0;
+    double extent[4] = {};
+    if (GDALSuggestedWarpOutput2(source, GDALGenImgProjTransform, transformer, out, &columns, &rows,
+                                 extent, 0) != CE_None ||
+        columns < 1 || rows < 1) {
+      hr = ReportError(E_INVALIDARG, LastGdalError());
+    } else {
+      carried->xmin = out[0];
+      carried->ymax = out[3];
+      carried->xmax = out[0] + columns * out[1];
+      carried->ymin = out[3] + rows * out[5];
+      carried->columns = columns;
+      carried->rows = rows;
+    }
+    GDALDestroyGenImgProjTransformer(transformer);
+  }
+  GDALClose(source);
+  return hr;
+}
+
 ComPtr<ITable> TableOf(GDALRasterAttributeTableH rat) {
   auto table = MakeObject<Table>();
   const int columns = GDALRATGetColumnCount(rat);
@@ -169,6 +239,7 @@ void Initialize() {
     // GDAL's messages become Pixwerk's error messages instead of lines on stderr.
     CPLSetErrorHandler(CPLQuietErrorHandler);
     RegisterDatasetOpener(&OpenByName);
+    RegisterReprojection({&SameByGdal, &CarryByGdal});
     return true;
   }();
   (void)done;

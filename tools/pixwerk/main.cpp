@@ -1,7 +1,8 @@
 // pixwerk: the command line over the library's entry points.
 //
 //   pixwerk run CHAIN.json -o OUT.tif [--format GTiff|COG] [--co KEY=VALUE]... [--threads N]
-//   [--quiet] pixwerk info CHAIN.json                bind and print the output raster info as JSON
+//               [--nodata V | --mask] [--quiet]
+//   pixwerk info CHAIN.json                bind and print the output raster info as JSON
 //   pixwerk functions                      the advertised raster functions
 //   pixwerk register   [--registry FILE]   write the registry entries of every class
 //   pixwerk unregister [--registry FILE]   remove them again
@@ -19,6 +20,8 @@
 #include <malloc.h>
 #endif
 #include <filesystem>
+#include <fstream>
+#include <sstream>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -44,7 +47,8 @@ constexpr GIntBig kBlockCacheBytes = GIntBig{32} << 20;
 
 constexpr const char* kUsageText =
     "usage: pixwerk run CHAIN.json -o OUT.tif [--format GTiff|COG] [--co KEY=VALUE]... [--threads "
-    "N] [--quiet]\n"
+    "N]\n"
+    "                   [--nodata V | --mask] [--quiet]\n"
     "       pixwerk info CHAIN.json|RASTER\n"
     "       pixwerk functions\n"
     "       pixwerk register [--registry FILE]\n"
@@ -179,8 +183,22 @@ int Run(const std::vector<std::string_view>& options) {
       if (!value(&output)) return Usage("-o needs a file name");
     } else if (o == "--format") {
       if (!value(&exportOptions.format)) return Usage("--format needs GTiff or COG");
-      if (exportOptions.format != "GTiff" && exportOptions.format != "COG")
+      if (!pw::EqualsNoCase(exportOptions.format, "GTiff") &&
+          !pw::EqualsNoCase(exportOptions.format, "COG"))
         return Usage("--format is GTiff or COG, not '" + exportOptions.format + "'");
+    } else if (o == "--nodata") {
+      if (!value(&v)) return Usage("--nodata needs a number (or nan)");
+      char* end = nullptr;
+      const double number = std::strtod(v.c_str(), &end);
+      if (v.empty() || *end != '\0') return Usage("--nodata needs a number, not '" + v + "'");
+      if (exportOptions.validity == pw::raster::gdal::ExportOptions::Validity::kMask)
+        return Usage("--nodata and --mask exclude each other");
+      exportOptions.validity = pw::raster::gdal::ExportOptions::Validity::kNoData;
+      exportOptions.noDataValue = number;
+    } else if (o == "--mask") {
+      if (exportOptions.validity == pw::raster::gdal::ExportOptions::Validity::kNoData)
+        return Usage("--nodata and --mask exclude each other");
+      exportOptions.validity = pw::raster::gdal::ExportOptions::Validity::kMask;
     } else if (o == "--co") {
       if (!value(&v) || v.find('=') == std::string::npos) return Usage("--co needs KEY=VALUE");
       exportOptions.creationOptions.push_back(v);
@@ -205,6 +223,18 @@ int Run(const std::vector<std::string_view>& options) {
   pw::ComPtr<IFunctionRasterDataset> chain;
   HRESULT hr = pw::framework::LoadChainFile(chainFile, &chain);
   if (FAILED(hr)) return Fail(hr, "the chain");
+  // The output names the chain that made it.
+  {
+    std::ifstream in(chainFile, std::ios::binary);
+    std::ostringstream text;
+    text << in.rdbuf();
+    const pw::persist::Json json = pw::persist::Json::parse(text.str(), nullptr, false);
+    if (json.is_object()) {
+      if (const auto name = json.find("name"); name != json.end() && name->is_string())
+        exportOptions.metadata.emplace_back("PIXWERK_CHAIN_NAME", name->get<std::string>());
+      exportOptions.metadata.emplace_back("PIXWERK_CHAIN", json.dump());
+    }
+  }
   pw::ComPtr<IRaster> raster;
   hr = chain.As<IRasterDataset>()->CreateDefaultRaster(&raster);
   if (FAILED(hr)) return Fail(hr, "the chain");
