@@ -3,7 +3,9 @@
 # run: wall time, peak memory and the speed ratio. Both write an uncompressed striped
 # GeoTIFF; gdal_translate gets GDAL_NUM_THREADS and a cache like GDAL's default.
 # Usage: bench/peers/identity_export.sh [SIZE] [TYPE]   (default 16384 UInt16; build the
-# release preset first)
+# release preset first). With PIXWERK_BASELINE set to another build's pixwerk, that build
+# exports the same file in turn with this one (best of three each) and the ratio is printed,
+# for "before and after" figures taken in the same machine state.
 set -euo pipefail
 cd "$(dirname "$0")/../.."
 size="${1:-16384}"
@@ -31,6 +33,19 @@ measure() {  # label, command...
 }
 measure gdal_translate env GDAL_NUM_THREADS=ALL_CPUS gdal_translate -q "$work/input.tif" "$work/gdal.tif"
 measure pixwerk "$bin/pixwerk" run "$work/identity.json" -o "$work/pixwerk.tif" --quiet
+if [ -n "${PIXWERK_BASELINE:-}" ]; then
+  best() { sort -n "$1" | head -1; }
+  : > "$work/now.all"; : > "$work/base.all"
+  for round in 1 2 3; do
+    measure baseline "$PIXWERK_BASELINE" run "$work/identity.json" -o "$work/base.tif" --quiet
+    cat "$work/baseline.seconds" >> "$work/base.all"
+    measure pixwerk "$bin/pixwerk" run "$work/identity.json" -o "$work/pixwerk.tif" --quiet
+    cat "$work/pixwerk.seconds" >> "$work/now.all"
+  done
+  printf "this build against the baseline, best of three each: %.3f s / %.3f s = %.3fx the time\n" \
+    "$(best "$work/now.all")" "$(best "$work/base.all")" \
+    "$(echo "$(best "$work/now.all") / $(best "$work/base.all")" | bc -l)"
+fi
 cmp -s <(gdalinfo -checksum "$work/gdal.tif" | grep Checksum) <(gdalinfo -checksum "$work/pixwerk.tif" | grep Checksum) \
   && echo "outputs: same checksum" || echo "outputs: checksums differ"
 printf "speed ratio (gdal_translate time / pixwerk time): %.2fx\n" \

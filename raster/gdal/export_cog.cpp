@@ -24,27 +24,45 @@ namespace fs = std::filesystem;
 
 class RasterDataset;
 
-// One band of the raster: a block is one strip of the band.
-class RasterBand final : public GDALRasterBand {
+// A band whose blocks are the export's strips: one block a strip, the whole width.
+class StripBand : public GDALRasterBand {
  public:
-  RasterBand(RasterDataset* owner, int number, GDALDataType type, int stripRows);
-  CPLErr IReadBlock(int blockX, int blockY, void* data) override;
+  StripBand(RasterDataset* owner, int number, GDALDataType type, int stripRows);
+  CPLErr IReadBlock(int blockX, int blockY, void* data) final;
+
+ protected:
+  // Fills the strip's cells of the block; returns the bytes written.
+  virtual std::size_t Fill(const Strip& strip, void* data) = 0;
+  RasterDataset* Owner() const;
+};
+
+// One band of the raster.
+class RasterBand final : public StripBand {
+ public:
+  using StripBand::StripBand;
   double GetNoDataValue(int* success) override;
   int GetMaskFlags() override;
   GDALRasterBand* GetMaskBand() override;
+
+ private:
+  std::size_t Fill(const Strip& strip, void* data) override;
 };
 
 // The dataset's mask: 255 where every band is valid, 0 elsewhere.
-class MaskBand final : public GDALRasterBand {
+class MaskBand final : public StripBand {
  public:
-  MaskBand(RasterDataset* owner, int stripRows);
-  CPLErr IReadBlock(int blockX, int blockY, void* data) override;
+  MaskBand(RasterDataset* owner, int stripRows) : StripBand(owner, 0, GDT_Byte, stripRows) {}
+
+ private:
+  std::size_t Fill(const Strip& strip, void* data) override;
 };
 
 class RasterDataset final : public GDALDataset {
  public:
-  RasterDataset(const ExportJob& job, const ValidityPlan& plan, LONG stripRows)
-      : job_(job), plan_(plan), stripRows_(stripRows) {
+  // Strips of `stripRows` rows; the last `keep` strips stay at hand, as the driver reads a
+  // span of rows band after band.
+  RasterDataset(const ExportJob& job, const ValidityPlan& plan, LONG stripRows, std::size_t keep)
+      : job_(job), plan_(plan), stripRows_(stripRows), keep_(keep) {
     nRasterXSize = job.width;
     nRasterYSize = job.height;
     mask_ = std::make_unique<MaskBand>(this, stripRows);
@@ -97,7 +115,8 @@ class RasterDataset final : public GDALDataset {
       pipeline_.reset();
       kept_.clear();
       pipeline_ = std::make_unique<StripPipeline>(job_.raster, job_.width, job_.height, job_.bands,
-                                                  job_.type, stripRows_, job_.threads, plan_, s);
+                                                  job_.type, stripRows_, job_.threads, plan_, s,
+                                                  static_cast<std::size_t>(job_.threads));
       next_ = s;
     }
     while (next_ <= s) {
@@ -112,8 +131,7 @@ class RasterDataset final : public GDALDataset {
       ++next_;
       kept_[got->index] = got;
     }
-    // The driver reads a strip's bands and its mask together; two strips are enough.
-    while (kept_.size() > 2) kept_.erase(kept_.begin());
+    while (kept_.size() > keep_) kept_.erase(kept_.begin());
     *strip = kept_.at(s);
     return CE_None;
   }
@@ -127,6 +145,7 @@ class RasterDataset final : public GDALDataset {
   const ExportJob& job_;
   ValidityPlan plan_;
   LONG stripRows_;
+  std::size_t keep_;
   std::unique_ptr<MaskBand> mask_;
   OGRSpatialReference reference_;
   std::mutex lock_;
@@ -137,7 +156,7 @@ class RasterDataset final : public GDALDataset {
   std::u16string message_;
 };
 
-RasterBand::RasterBand(RasterDataset* owner, int number, GDALDataType type, int stripRows) {
+StripBand::StripBand(RasterDataset* owner, int number, GDALDataType type, int stripRows) {
   poDS = owner;
   nBand = number;
   eDataType = type;
@@ -147,57 +166,51 @@ RasterBand::RasterBand(RasterDataset* owner, int number, GDALDataType type, int 
   nBlockYSize = stripRows;
 }
 
-CPLErr RasterBand::IReadBlock(int, int blockY, void* data) {
-  auto* owner = static_cast<RasterDataset*>(poDS);
+RasterDataset* StripBand::Owner() const {
+  return static_cast<RasterDataset*>(poDS);
+}
+
+CPLErr StripBand::IReadBlock(int, int blockY, void* data) {
   std::shared_ptr<Strip> strip;
-  if (owner->Fetch(blockY, &strip) != CE_None) return CE_Failure;
-  const std::size_t size = owner->Job().PixelBytes();
-  const std::size_t bytes = static_cast<std::size_t>(nBlockXSize) * strip->rows * size;
-  std::memcpy(data, strip->block->Buffer(nBand - 1), bytes);
-  std::memset(static_cast<std::uint8_t*>(data) + bytes, 0,
-              static_cast<std::size_t>(nBlockXSize) * nBlockYSize * size - bytes);
+  if (Owner()->Fetch(blockY, &strip) != CE_None) return CE_Failure;
+  const std::size_t written = Fill(*strip, data);
+  const std::size_t size = static_cast<std::size_t>(GDALGetDataTypeSizeBytes(eDataType));
+  std::memset(static_cast<std::uint8_t*>(data) + written, 0,
+              static_cast<std::size_t>(nBlockXSize) * nBlockYSize * size - written);
   return CE_None;
 }
 
+std::size_t RasterBand::Fill(const Strip& strip, void* data) {
+  const std::size_t bytes =
+      static_cast<std::size_t>(nBlockXSize) * strip.rows * Owner()->Job().PixelBytes();
+  std::memcpy(data, strip.block->Buffer(nBand - 1), bytes);
+  return bytes;
+}
+
 double RasterBand::GetNoDataValue(int* success) {
-  const auto& plan = static_cast<RasterDataset*>(poDS)->Plan();
+  const auto& plan = Owner()->Plan();
   if (success != nullptr) *success = plan.noData.has_value();
   return plan.noData.value_or(0.0);
 }
 
 int RasterBand::GetMaskFlags() {
-  const auto& plan = static_cast<RasterDataset*>(poDS)->Plan();
+  const auto& plan = Owner()->Plan();
   if (plan.noData) return GMF_NODATA;
   return plan.mask ? GMF_PER_DATASET : GMF_ALL_VALID;
 }
 
 GDALRasterBand* RasterBand::GetMaskBand() {
-  if (GetMaskFlags() == GMF_PER_DATASET) return static_cast<RasterDataset*>(poDS)->Mask();
+  if (GetMaskFlags() == GMF_PER_DATASET) return Owner()->Mask();
   return GDALRasterBand::GetMaskBand();
 }
 
-MaskBand::MaskBand(RasterDataset* owner, int stripRows) {
-  poDS = owner;
-  nBand = 0;
-  eDataType = GDT_Byte;
-  nRasterXSize = owner->GetRasterXSize();
-  nRasterYSize = owner->GetRasterYSize();
-  nBlockXSize = nRasterXSize;
-  nBlockYSize = stripRows;
-}
-
-CPLErr MaskBand::IReadBlock(int, int blockY, void* data) {
-  auto* owner = static_cast<RasterDataset*>(poDS);
-  std::shared_ptr<Strip> strip;
-  if (owner->Fetch(blockY, &strip) != CE_None) return CE_Failure;
-  const std::size_t cells = static_cast<std::size_t>(nBlockXSize) * strip->rows;
-  if (strip->validity.empty())
+std::size_t MaskBand::Fill(const Strip& strip, void* data) {
+  const std::size_t cells = static_cast<std::size_t>(nBlockXSize) * strip.rows;
+  if (strip.validity.empty())
     std::memset(data, 255, cells);
   else
-    std::memcpy(data, strip->validity.data(), cells);
-  std::memset(static_cast<std::uint8_t*>(data) + cells, 0,
-              static_cast<std::size_t>(nBlockXSize) * nBlockYSize - cells);
-  return CE_None;
+    std::memcpy(data, strip.validity.data(), cells);
+  return cells;
 }
 
 struct ProgressTarget {
@@ -214,16 +227,19 @@ HRESULT WriteCog(const ExportJob& job, const ValidityPlan& plan, fs::path* writt
   const fs::path temp = job.files->Temporary("tif");
   CreationOptions copy;
   for (const auto& o : job.options->creationOptions) copy.Set(o);
-  // Strips as tall as the COG's tiles (512 rows unless BLOCKSIZE says), within 64 MB.
-  LONG rows = 512;
+  // Strips as tall as the COG's tiles (512 rows unless BLOCKSIZE says), within 16 MB. The
+  // driver reads rows of tiles, and two of them at a time for the first overview, one band
+  // after the other: the strips of two rows of tiles stay at hand.
+  LONG tileRows = 512;
   if (const char* size = CSLFetchNameValue(copy.list, "BLOCKSIZE"))
-    rows = std::max(16, std::atoi(size));
+    tileRows = std::max(16, std::atoi(size));
   const std::size_t rowBytes =
       static_cast<std::size_t>(job.width) * static_cast<std::size_t>(job.bands) * job.PixelBytes();
-  rows = static_cast<LONG>(
-      std::clamp<std::size_t>((std::size_t{64} << 20) / std::max<std::size_t>(rowBytes, 1), 16,
-                              static_cast<std::size_t>(rows)));
-  RasterDataset source(job, plan, rows);
+  const auto rows = static_cast<LONG>(
+      std::clamp<std::size_t>((std::size_t{16} << 20) / std::max<std::size_t>(rowBytes, 1), 16,
+                              static_cast<std::size_t>(tileRows)));
+  const auto keep = static_cast<std::size_t>((2 * tileRows + rows - 1) / rows + 1);
+  RasterDataset source(job, plan, rows, keep);
   ProgressTarget target{&job};
   CPLErrorReset();
   GDALDriver* driver = GetGDALDriverManager()->GetDriverByName("COG");

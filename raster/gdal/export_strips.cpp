@@ -59,7 +59,8 @@ std::size_t CountValidHolding(LONG pixelType, const void* values, const BYTE* ma
 }
 
 StripPipeline::StripPipeline(IRaster* raster, LONG width, LONG height, LONG bands, LONG pixelType,
-                             LONG rowsPerStrip, int threads, const ValidityPlan& plan, LONG first)
+                             LONG rowsPerStrip, int threads, const ValidityPlan& plan, LONG first,
+                             std::size_t ahead)
     : raster_(raster),
       width_(width),
       height_(height),
@@ -68,7 +69,7 @@ StripPipeline::StripPipeline(IRaster* raster, LONG width, LONG height, LONG band
       rowsPerStrip_(std::max<LONG>(1, rowsPerStrip)),
       strips_((height + rowsPerStrip_ - 1) / rowsPerStrip_),
       plan_(plan),
-      ahead_(static_cast<std::size_t>(std::max(threads, 1)) * 2),
+      ahead_(ahead > 0 ? ahead : static_cast<std::size_t>(std::max(threads, 1)) * 2),
       taken_(std::clamp<LONG>(first, 0, strips_)),
       next_(taken_) {
   const int count = std::max(threads, 1);

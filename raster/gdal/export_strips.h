@@ -48,9 +48,11 @@ struct Strip {
 
 class StripPipeline {
  public:
-  // Strips of `rowsPerStrip` rows from strip `first` on, read by `threads` workers.
+  // Strips of `rowsPerStrip` rows from strip `first` on, read by `threads` workers at most
+  // `ahead` strips ahead of the consumer (0: two per worker).
   StripPipeline(IRaster* raster, LONG width, LONG height, LONG bands, LONG pixelType,
-                LONG rowsPerStrip, int threads, const ValidityPlan& plan, LONG first = 0);
+                LONG rowsPerStrip, int threads, const ValidityPlan& plan, LONG first = 0,
+                std::size_t ahead = 0);
   ~StripPipeline();
   StripPipeline(const StripPipeline&) = delete;
   StripPipeline& operator=(const StripPipeline&) = delete;

@@ -1,11 +1,19 @@
 // The pixwerk command line: output and exit status.
 #include <gtest/gtest.h>
 
+#include <gdal.h>
+#include <signal.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
+#include <atomic>
+#include <chrono>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <thread>
+#include <vector>
 
 #include "tests/test_support.h"
 
@@ -124,6 +132,192 @@ TEST_F(CliRun, FailuresSayWhyOnOneLineAndLeaveNoOutput) {
                          "run x.json -o y.tif --co NOEQUALS",
                          "info"};
   for (const char* args : usage) EXPECT_EQ(RunCli(args).status, 2) << args;
+}
+
+// --- the export's own robustness ------------------------------------------------------------
+
+// A DEM big enough that exporting its slope takes a while: SIZE x SIZE float cells in tiles,
+// compressed, and a slope chain over it.
+class CliLargeRun : public CliRun {
+ protected:
+  void SetUp() override {
+    CliRun::SetUp();
+    GDALAllRegister();
+    const char* options[] = {"TILED=YES", "COMPRESS=DEFLATE", nullptr};
+    GDALDatasetH ds = GDALCreate(GDALGetDriverByName("GTiff"), Path("large.tif").c_str(), kSize,
+                                 kSize, 1, GDT_Float32, const_cast<char**>(options));
+    ASSERT_NE(ds, nullptr);
+    double t[6] = {500000, 30, 0, 4600000, 0, -30};
+    GDALSetGeoTransform(ds, t);
+    std::vector<float> row(kSize);
+    for (int r = 0; r < kSize; ++r) {
+      for (int c = 0; c < kSize; ++c)
+        row[c] = static_cast<float>(500 + 200 * std::sin(c * 0.01) * std::cos(r * 0.013) +
+                                    ((c * 7919 + r * 104729) % 97) * 0.1);
+      ASSERT_EQ(GDALRasterIO(GDALGetRasterBand(ds, 1), GF_Write, 0, r, kSize, 1, row.data(), kSize,
+                             1, GDT_Float32, 0, 0),
+                CE_None);
+    }
+    GDALClose(ds);
+    pw::test::WriteFile(dir_ / "slope.json",
+                        R"({"function": "SlopeFunction", "arguments": {"DEM": "large.tif"},
+                            "name": "slope of the large DEM"})");
+  }
+  static constexpr int kSize = 3000;
+
+  // The hidden files in the folder (temporaries and locks).
+  std::vector<std::string> Hidden(const std::filesystem::path& folder) const {
+    std::vector<std::string> names;
+    for (const auto& entry : std::filesystem::directory_iterator(folder))
+      if (entry.path().filename().string()[0] == '.') names.push_back(entry.path().filename());
+    return names;
+  }
+};
+
+TEST_F(CliLargeRun, TemporariesOfAKilledRunAreRemovedByTheNextExport) {
+  const std::filesystem::path out = dir_ / "out";
+  std::filesystem::create_directory(out);
+  const std::string output = (out / "slope.tif").string(), chain = Path("slope.json");
+  const pid_t child = fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    execl(PIXWERK_CLI, PIXWERK_CLI, "run", chain.c_str(), "-o", output.c_str(), "--quiet",
+          "--threads", "1", "--co", "COMPRESS=DEFLATE", "--co", "ZLEVEL=9",
+          static_cast<char*>(nullptr));
+    _exit(127);
+  }
+  // Killed once its temporary holds data.
+  bool writing = false;
+  for (int i = 0; i < 20000 && !writing; ++i) {
+    for (const std::string& name : Hidden(out))
+      if (name.size() > 4 && name.substr(name.size() - 4) == ".tif" &&
+          std::filesystem::file_size(out / name) > 0)
+        writing = true;
+    if (!writing) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  kill(child, SIGKILL);
+  int status = 0;
+  waitpid(child, &status, 0);
+  ASSERT_TRUE(writing) << "the export ended before it could be killed";
+  EXPECT_FALSE(Hidden(out).empty());
+  EXPECT_FALSE(std::filesystem::exists(output));
+  const Result r = RunCli("run " + Path("chain.json") + " -o " + (out / "other.tif").string());
+  EXPECT_EQ(r.status, 0) << r.out;
+  EXPECT_TRUE(Hidden(out).empty()) << Hidden(out).front();
+}
+
+// A file system of a given size, made for one command in a mount namespace of its own.
+// Returns the command's output with its exit status and what the folder held afterwards, or
+// nothing when this machine cannot make one.
+std::optional<std::string> OnSmallDisk(const std::filesystem::path& folder, long kilobytes,
+                                       const std::string& command) {
+  if (std::system("unshare -rm true > /dev/null 2>&1") != 0) return std::nullopt;
+  std::filesystem::create_directories(folder);
+  const std::string script = "mount -t tmpfs -o size=" + std::to_string(kilobytes) + "k tmpfs '" +
+                             folder.string() + "' && { " + command +
+                             "; echo \"status=\\$?\"; ls -A '" + folder.string() + "'; }";
+  const std::string shell = "unshare -rm sh -c \"" + script + "\" 2>&1";
+  FILE* pipe = popen(shell.c_str(), "r");
+  std::string out;
+  char buffer[4096];
+  std::size_t n = 0;
+  while ((n = fread(buffer, 1, sizeof(buffer), pipe)) > 0) out.append(buffer, n);
+  pclose(pipe);
+  return out;
+}
+
+TEST_F(CliLargeRun, AFullDiskIsNamedAndACogThatFitsItsDiskIsWritten) {
+  const std::string cli = std::string(PIXWERK_CLI) + " run " + Path("slope.json");
+  const std::filesystem::path small = dir_ / "small";
+  const struct {
+    const char* options;
+    const char* says;
+  } cases[] = {
+      {"", "needs 36000000 bytes"},  // known before the first cell: uncompressed
+      {" --co COMPRESS=DEFLATE", "no space left on the device"},
+      {" --format COG", "no space left on the device"},
+  };
+  for (const auto& c : cases) {
+    const auto out =
+        OnSmallDisk(small, 2048, cli + " -o " + (small / "out.tif").string() + c.options);
+    if (!out) GTEST_SKIP() << "this machine cannot mount a file system of a given size";
+    EXPECT_NE(out->find("status=1"), std::string::npos) << *out;
+    EXPECT_NE(out->find(c.says), std::string::npos) << *out;
+    EXPECT_NE(out->find((small / "out.tif").string()), std::string::npos) << *out;
+    EXPECT_EQ(out->substr(out->find("status=1")), "status=1\n") << "files were left: " << *out;
+  }
+  // A COG needs room for itself (and its overviews while it is made), not for a copy more.
+  Result r =
+      RunCli("run " + Path("slope.json") + " -o " + Path("cog.tif") + " --format COG --quiet");
+  ASSERT_EQ(r.status, 0) << r.out;
+  const long size = static_cast<long>(std::filesystem::file_size(Path("cog.tif")));
+  const auto out =
+      OnSmallDisk(small, size * 13 / 10 / 1024,
+                  cli + " -o " + (small / "out.tif").string() + " --format COG --quiet");
+  ASSERT_TRUE(out);
+  EXPECT_EQ(*out, "status=0\nout.tif\n");
+}
+
+TEST_F(CliLargeRun, ExportsOfOneChainAreByteIdenticalUnderLoad) {
+  // Other threads keep the machine busy and a small block cache makes GDAL evict blocks while
+  // the export writes.
+  std::atomic<bool> stop{false};
+  std::vector<std::thread> load;
+  for (int i = 0; i < 3; ++i)
+    load.emplace_back([&] {
+      std::atomic<unsigned long> spin{0};
+      while (!stop) spin.fetch_add(1, std::memory_order_relaxed);
+    });
+  pw::test::ScopedEnv cache("GDAL_CACHEMAX", "1");
+  std::string bytes[2];
+  for (const char* format : {"GTiff", "COG"}) {
+    for (int i = 0; i < 2; ++i) {
+      const std::string out = Path("same" + std::to_string(i) + ".tif");
+      const Result r = RunCli("run " + Path("slope.json") + " -o " + out + " --quiet --format " +
+                              format + " --co COMPRESS=DEFLATE");
+      ASSERT_EQ(r.status, 0) << r.out;
+      bytes[i] = pw::test::ReadFile(out);
+    }
+    EXPECT_TRUE(bytes[0] == bytes[1]) << format;
+  }
+  stop = true;
+  for (auto& t : load) t.join();
+}
+
+TEST_F(CliRun, NoDataAndMaskOptionsChooseHowInvalidCellsAreWritten) {
+  pw::test::WriteFile(dir_ / "identity.json",
+                      R"({"function": "IdentityFunction", "arguments": {"Raster": "dem.tif"},
+                          "name": "the DEM"})");
+  Result r = RunCli("run " + Path("identity.json") + " -o " + Path("v.tif") + " --nodata -1");
+  ASSERT_EQ(r.status, 0) << r.out;
+  GDALAllRegister();
+  GDALDatasetH ds = GDALOpen(Path("v.tif").c_str(), GA_ReadOnly);
+  ASSERT_NE(ds, nullptr);
+  int has = 0;
+  EXPECT_EQ(GDALGetRasterNoDataValue(GDALGetRasterBand(ds, 1), &has), -1);
+  EXPECT_TRUE(has);
+  EXPECT_STREQ(GDALGetMetadataItem(ds, "PIXWERK_CHAIN_NAME", nullptr), "the DEM");
+  const char* chain = GDALGetMetadataItem(ds, "PIXWERK_CHAIN", nullptr);
+  ASSERT_NE(chain, nullptr);
+  EXPECT_NE(std::string(chain).find("\"IdentityFunction\""), std::string::npos) << chain;
+  GDALClose(ds);
+  r = RunCli("run " + Path("identity.json") + " -o " + Path("m.tif") + " --mask");
+  ASSERT_EQ(r.status, 0) << r.out;
+  ds = GDALOpen(Path("m.tif").c_str(), GA_ReadOnly);
+  ASSERT_NE(ds, nullptr);
+  GDALGetRasterNoDataValue(GDALGetRasterBand(ds, 1), &has);
+  EXPECT_FALSE(has);
+  EXPECT_EQ(GDALGetMaskFlags(GDALGetRasterBand(ds, 1)), GMF_PER_DATASET);
+  GDALClose(ds);
+  // The sample DEM holds values near 500: a no-data value among them is refused.
+  r = RunCli("run " + Path("identity.json") + " -o " + Path("x.tif") + " --nodata 1e40");
+  EXPECT_EQ(r.status, 1) << r.out;
+  EXPECT_NE(r.out.find("cannot be held by a F32 band"), std::string::npos) << r.out;
+  for (const char* bad : {"--nodata", "--nodata x", "--nodata 1 --mask", "--mask --nodata 1"}) {
+    r = RunCli("run " + Path("identity.json") + " -o " + Path("x.tif") + " " + bad);
+    EXPECT_EQ(r.status, 2) << bad << ": " << r.out;
+  }
+  EXPECT_FALSE(std::filesystem::exists(Path("x.tif")));
 }
 
 }  // namespace
