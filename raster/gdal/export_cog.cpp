@@ -32,7 +32,7 @@ class StripBand : public GDALRasterBand {
 
  protected:
   // Fills the strip's cells of the block; returns the bytes written.
-  virtual std::size_t Fill(const Strip& strip, void* data) = 0;
+  virtual std::size_t CopyStrip(const Strip& strip, void* data) = 0;
   RasterDataset* Owner() const;
 };
 
@@ -45,7 +45,7 @@ class RasterBand final : public StripBand {
   GDALRasterBand* GetMaskBand() override;
 
  private:
-  std::size_t Fill(const Strip& strip, void* data) override;
+  std::size_t CopyStrip(const Strip& strip, void* data) override;
 };
 
 // The dataset's mask: 255 where every band is valid, 0 elsewhere.
@@ -54,7 +54,7 @@ class MaskBand final : public StripBand {
   MaskBand(RasterDataset* owner, int stripRows) : StripBand(owner, 0, GDT_Byte, stripRows) {}
 
  private:
-  std::size_t Fill(const Strip& strip, void* data) override;
+  std::size_t CopyStrip(const Strip& strip, void* data) override;
 };
 
 class RasterDataset final : public GDALDataset {
@@ -173,14 +173,14 @@ RasterDataset* StripBand::Owner() const {
 CPLErr StripBand::IReadBlock(int, int blockY, void* data) {
   std::shared_ptr<Strip> strip;
   if (Owner()->Fetch(blockY, &strip) != CE_None) return CE_Failure;
-  const std::size_t written = Fill(*strip, data);
+  const std::size_t written = CopyStrip(*strip, data);
   const std::size_t size = static_cast<std::size_t>(GDALGetDataTypeSizeBytes(eDataType));
   std::memset(static_cast<std::uint8_t*>(data) + written, 0,
               static_cast<std::size_t>(nBlockXSize) * nBlockYSize * size - written);
   return CE_None;
 }
 
-std::size_t RasterBand::Fill(const Strip& strip, void* data) {
+std::size_t RasterBand::CopyStrip(const Strip& strip, void* data) {
   const std::size_t bytes =
       static_cast<std::size_t>(nBlockXSize) * strip.rows * Owner()->Job().PixelBytes();
   std::memcpy(data, strip.block->Buffer(nBand - 1), bytes);
@@ -204,7 +204,7 @@ GDALRasterBand* RasterBand::GetMaskBand() {
   return GDALRasterBand::GetMaskBand();
 }
 
-std::size_t MaskBand::Fill(const Strip& strip, void* data) {
+std::size_t MaskBand::CopyStrip(const Strip& strip, void* data) {
   const std::size_t cells = static_cast<std::size_t>(nBlockXSize) * strip.rows;
   if (strip.validity.empty())
     std::memset(data, 255, cells);
