@@ -1,13 +1,17 @@
 // Loading and saving function chains as JSON.
 #include "framework/chain_json.h"
 
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
 #include <fstream>
 #include <sstream>
 
+#include "framework/argument_spec.h"
 #include "framework/arguments.h"
 #include "framework/function_raster.h"
 #include "framework/relative_path_manager.h"
-#include "raster/pixel_type.h"
+#include "raster/pixel_traits.h"
 
 namespace pw::framework {
 namespace {
@@ -48,17 +52,28 @@ bool HoldsChain(const Json& value) {
   return false;
 }
 
+// How many functions a chain may nest: deeper chains would bind and read by recursion as
+// deep, so they are refused before anything binds.
+constexpr int kMaxChainDepth = 64;
+
+HRESULT LoadChainAt(const Json& chain, const fs::path& base, int depth,
+                    IFunctionRasterDataset** dataset);
+
 // A value holding nested chains: each chain loaded and bound, names kept as text (they
-// open, relative to the chain's folder, when the function binds), arrays as arrays.
-HRESULT ChainValue(const Json& value, const fs::path& base, std::u16string_view argument,
-                   Variant* out) {
+// open, relative to the chain's folder, when the function binds), arrays as arrays. A
+// failure inside says where: "SlopeFunction argument "DEM": ...".
+HRESULT ChainValue(const Json& value, const fs::path& base, int depth, std::string_view function,
+                   std::string_view argument, Variant* out) {
   if (value.is_string()) {
     *out = Variant(std::string_view(value.get<std::string>()));
     return S_OK;
   }
   if (IsChainObject(value)) {
     ComPtr<IFunctionRasterDataset> nested;
-    PW_RETURN_IF_FAILED(LoadChain(value, base, &nested));
+    const HRESULT hr = LoadChainAt(value, base, depth + 1, &nested);
+    if (FAILED(hr))
+      return ChainError(
+          hr, ToUtf16(std::string(function) + " argument \"" + std::string(argument) + "\""));
     *out = Variant(static_cast<IUnknown*>(nested.Get()));
     return S_OK;
   }
@@ -68,7 +83,8 @@ HRESULT ChainValue(const Json& value, const fs::path& base, std::u16string_view 
     LONG i = 0;
     for (const auto& element : value) {
       Variant item;
-      HRESULT hr = ChainValue(element, base, argument, &item);
+      const std::string at = std::string(argument) + "[" + std::to_string(i) + "]";
+      HRESULT hr = ChainValue(element, base, depth, function, at, &item);
       if (SUCCEEDED(hr)) hr = SafeArrayPutElement(array, &i, static_cast<VARIANT*>(&item));
       if (FAILED(hr)) {
         SafeArrayDestroy(array);
@@ -83,14 +99,60 @@ HRESULT ChainValue(const Json& value, const fs::path& base, std::u16string_view 
     *out = Variant::Adopt(&v);
     return S_OK;
   }
-  return ReportError(E_INVALIDARG,
-                     "the argument \"" + ToUtf8(argument) +
-                         "\" mixes chains with values that are neither chains nor dataset names");
+  return ReportError(E_INVALIDARG, std::string(function) + ": the argument \"" +
+                                       std::string(argument) +
+                                       "\" mixes chains with values that are neither chains "
+                                       "nor dataset names");
 }
 
-}  // namespace
+// The members a chain object may have.
+constexpr std::string_view kChainMembers[] = {"function", "arguments", "pixelType", "name"};
 
-HRESULT LoadChain(const Json& chain, const fs::path& base, IFunctionRasterDataset** dataset) {
+HRESULT CheckChainMembers(const Json& chain) {
+  for (const auto& [key, value] : chain.items()) {
+    if (std::find(std::begin(kChainMembers), std::end(kChainMembers), key) !=
+        std::end(kChainMembers))
+      continue;
+    const std::string nearest =
+        NearestName(key, {std::begin(kChainMembers), std::end(kChainMembers)});
+    return ReportError(E_INVALIDARG,
+                       "unknown chain member \"" + key + "\"" +
+                           (nearest.empty() ? "" : " (did you mean \"" + nearest + "\"?)") +
+                           "; a chain has \"function\", \"arguments\", \"pixelType\" and "
+                           "\"name\"");
+  }
+  return S_OK;
+}
+
+// The function a chain names: a declared function by its class name, programmatic
+// identifier or short name in any case, else any class of the registry by its name.
+HRESULT CreateFunction(const std::string& name, IRasterFunction** function,
+                       std::string* resolved) {
+  *resolved = ResolveFunctionName(name);
+  if (resolved->empty()) *resolved = BareName(name);
+  HRESULT hr = CreateByName(*resolved, function);
+  if (SUCCEEDED(hr)) return S_OK;
+  if (hr == CO_E_CLASSSTRING || hr == E_NOINTERFACE || hr == REGDB_E_CLASSNOTREG) {
+    // The nearest of the declared functions, by class name or short name.
+    std::vector<std::string> names;
+    for (const FunctionSpec* spec : FunctionSpecs()) {
+      names.emplace_back(spec->function);
+      const std::string_view suffix = "Function";
+      if (spec->function.ends_with(suffix))
+        names.emplace_back(spec->function.substr(0, spec->function.size() - suffix.size()));
+    }
+    std::string nearest = NearestName(BareName(name), {names.begin(), names.end()});
+    if (const std::string full = ResolveFunctionName(nearest); !full.empty()) nearest = full;
+    return ReportError(E_INVALIDARG,
+                       "unknown function '" + name + "'" +
+                           (nearest.empty() ? "" : " (did you mean '" + nearest + "'?)") +
+                           "; `pixwerk functions` lists those this build can run");
+  }
+  return ChainError(hr, ToUtf16("cannot create the function '" + name + "'"));
+}
+
+HRESULT LoadChainAt(const Json& chain, const fs::path& base, int depth,
+                    IFunctionRasterDataset** dataset) {
   PW_CHECK_POINTER(dataset);
   *dataset = nullptr;
   return Guard([&]() -> HRESULT {
@@ -98,27 +160,33 @@ HRESULT LoadChain(const Json& chain, const fs::path& base, IFunctionRasterDatase
       return ReportError(
           E_INVALIDARG,
           std::string_view("a chain is an object whose \"function\" names a function"));
-    const std::string functionName = chain["function"].get<std::string>();
+    if (depth > kMaxChainDepth)
+      return ReportError(E_INVALIDARG, "the chain nests more than " +
+                                           std::to_string(kMaxChainDepth) + " functions deep");
+    PW_RETURN_IF_FAILED(CheckChainMembers(chain));
+    const std::string requested = chain["function"].get<std::string>();
+    std::string functionName;
     ComPtr<IRasterFunction> function;
-    HRESULT hr = CreateByName(functionName, &function);
-    if (hr == CO_E_CLASSSTRING || hr == E_NOINTERFACE || hr == REGDB_E_CLASSNOTREG)
-      return ReportError(E_INVALIDARG, "unknown function '" + functionName + "'");
-    if (FAILED(hr))
-      return ChainError(hr, ToUtf16("cannot create the function '" + functionName + "'"));
+    PW_RETURN_IF_FAILED(CreateFunction(requested, &function, &functionName));
+
+    // Every argument is checked against the function's declaration before anything binds.
+    static const Json kNoArguments = Json::object();
+    const Json* argumentsJson = &kNoArguments;
+    if (const auto it = chain.find("arguments"); it != chain.end()) argumentsJson = &*it;
+    const Json& arguments = *argumentsJson;
+    if (const FunctionSpec* spec = FindFunctionSpec(functionName)) {
+      PW_RETURN_IF_FAILED(CheckArguments(*spec, arguments));
+    } else if (!arguments.is_object()) {
+      return ReportError(E_INVALIDARG, std::string_view("\"arguments\" must be an object"));
+    }
 
     // The arguments class: named by "type", else the function's companion, else the general one.
-    Json arguments = Json::object();
-    if (const auto it = chain.find("arguments"); it != chain.end()) {
-      if (!it->is_object())
-        return ReportError(E_INVALIDARG, std::string_view("\"arguments\" must be an object"));
-      arguments = *it;
-    }
     ComPtr<IRasterFunctionArguments2> args;
     if (const auto type = arguments.find("type"); type != arguments.end() && type->is_string()) {
       if (FAILED(CreateByName(type->get<std::string>(), &args)))
         return ReportError(E_INVALIDARG,
                            "unknown arguments class '" + type->get<std::string>() + "'");
-    } else if (FAILED(CreateByName(BareName(functionName) + "Arguments", &args))) {
+    } else if (FAILED(CreateByName(functionName + "Arguments", &args))) {
       ClearErrorInfo();
       PW_RETURN_IF_FAILED(CreateByName("RasterFunctionArguments", &args));
     }
@@ -128,15 +196,14 @@ HRESULT LoadChain(const Json& chain, const fs::path& base, IFunctionRasterDatase
     std::vector<std::pair<std::u16string, Variant>> chains;
     for (const auto& [key, value] : arguments.items()) {
       if (key != "type" && HoldsChain(value)) {
-        const std::u16string name = ToUtf16(key);
         Variant v;
-        PW_RETURN_IF_FAILED(ChainValue(value, base, name, &v));
-        chains.emplace_back(name, std::move(v));
+        PW_RETURN_IF_FAILED(ChainValue(value, base, depth, functionName, key, &v));
+        chains.emplace_back(ToUtf16(key), std::move(v));
       } else {
         plain[key] = value;
       }
     }
-    hr = args->FromJSON(Bstr(std::string_view(plain.dump())).Get());
+    HRESULT hr = args->FromJSON(Bstr(std::string_view(plain.dump())).Get());
     if (FAILED(hr))
       return ChainError(hr, ToUtf16("the arguments of '" + functionName + "' could not be read"));
     for (auto& [name, value] : chains) PW_RETURN_IF_FAILED(args->PutValue(Bstr(name).Get(), value));
@@ -145,42 +212,65 @@ HRESULT LoadChain(const Json& chain, const fs::path& base, IFunctionRasterDatase
       std::optional<LONG> type;
       if (it->is_number_integer()) type = it->get<LONG>();
       if (it->is_string()) type = raster::PixelTypeFromText(it->get<std::string>());
-      if (!type || FAILED(function->put_PixelType(*type)))
+      if (!type || !raster::IsKnownPixelType(*type) || FAILED(function->put_PixelType(*type)))
         return ReportError(E_INVALIDARG,
-                           "\"pixelType\" of '" + functionName + "' is not a pixel type");
+                           functionName +
+                               ": \"pixelType\" must be a pixel type: U1 U2 U4 U8 "
+                               "S8 U16 S16 U32 S32 F32 F64 or their codes 0 to 10; given " +
+                               it->dump());
     }
-    if (const auto it = chain.find("name"); it != chain.end() && it->is_string())
+    if (const auto it = chain.find("name"); it != chain.end()) {
+      if (!it->is_string())
+        return ReportError(E_INVALIDARG,
+                           functionName + ": \"name\" must be a text; given " + it->dump());
       function->put_Name(Bstr(std::string_view(it->get<std::string>())).Get());
+    }
     // Names in the arguments open while binding, relative to the chain's folder.
     const ScopedBasePath basePath(base.string());
     return CreateFunctionRasterDataset(function.Get(), args.Get(), true, dataset);
   });
 }
 
+}  // namespace
+
+HRESULT LoadChain(const Json& chain, const fs::path& base, IFunctionRasterDataset** dataset) {
+  return LoadChainAt(chain, base, 1, dataset);
+}
+
 HRESULT LoadChainText(std::string_view text, const fs::path& base,
                       IFunctionRasterDataset** dataset) {
   PW_CHECK_POINTER(dataset);
   *dataset = nullptr;
-  Json chain = Json::parse(text, nullptr, false);
-  if (chain.is_discarded())
-    return ReportError(E_INVALIDARG, std::string_view("the chain is not well-formed JSON"));
-  return LoadChain(chain, base, dataset);
+  return Guard([&]() -> HRESULT {
+    Json chain;
+    PW_RETURN_IF_FAILED(persist::ParseJson(text, &chain, "the chain"));
+    return LoadChain(chain, base, dataset);
+  });
 }
 
 HRESULT LoadChainFile(const fs::path& file, IFunctionRasterDataset** dataset) {
   PW_CHECK_POINTER(dataset);
   *dataset = nullptr;
-  std::ifstream in(file, std::ios::binary);
-  if (!in)
-    return ReportError(STG_E_FILENOTFOUND, "cannot read the chain file '" + file.string() + "'");
-  std::ostringstream text;
-  text << in.rdbuf();
-  Json chain = Json::parse(text.str(), nullptr, false);
-  if (chain.is_discarded())
-    return ReportError(E_INVALIDARG,
-                       "the chain file '" + file.string() + "' is not well-formed JSON");
-  const fs::path base = fs::absolute(file).parent_path();
-  return LoadChain(chain, base, dataset);
+  return Guard([&]() -> HRESULT {
+    std::error_code ec;
+    if (!fs::exists(file, ec))
+      return ReportError(STG_E_FILENOTFOUND,
+                         "cannot read the chain file '" + file.string() + "': it does not exist");
+    if (fs::is_directory(file, ec))
+      return ReportError(STG_E_FILENOTFOUND,
+                         "cannot read the chain file '" + file.string() + "': it is a directory");
+    std::ifstream in(file, std::ios::binary);
+    if (!in)
+      return ReportError(STG_E_ACCESSDENIED, "cannot read the chain file '" + file.string() +
+                                                 "': " + std::strerror(errno));
+    std::ostringstream text;
+    text << in.rdbuf();
+    Json chain;
+    PW_RETURN_IF_FAILED(
+        persist::ParseJson(text.str(), &chain, "the chain file '" + file.string() + "'"));
+    const fs::path base = fs::absolute(file).parent_path();
+    return LoadChain(chain, base, dataset);
+  });
 }
 
 HRESULT SaveChain(IFunctionRasterDataset* dataset, Json* chain) {

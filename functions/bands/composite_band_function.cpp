@@ -1,5 +1,6 @@
 // The composite band function and its arguments.
 #include "functions/bands/composite_band_function.h"
+#include "framework/argument_spec.h"
 
 #include "raster/persist/class_registry.h"
 #include "raster/persist/json.h"
@@ -68,5 +69,17 @@ HRESULT CompositeBandFunction::BindImpl(IRasterFunctionArguments* arguments) {
   }
   return BindBands(bands);
 }
+
+// --- declaration -------------------------------------------------------------------------
+
+namespace {
+constexpr std::string_view kRastersAliases[] = {"Raster[]"};
+constexpr framework::ArgumentSpec kArguments[] = {
+    framework::Required("Rasters", framework::ArgumentKind::kRasters,
+                        "the inputs, whose bands are stacked in order")
+        .Also(kRastersAliases),
+};
+}  // namespace
+PW_DECLARE_ARGUMENTS(CompositeBandFunction, CompositeBandFunctionArguments, kArguments);
 
 }  // namespace pw::functions

@@ -1,5 +1,7 @@
 // The extract band function and its arguments.
 #include "functions/bands/extract_band_function.h"
+#include "framework/argument_spec.h"
+#include "functions/band_selection_arguments.h"
 
 #include "raster/band_indexes.h"
 #include "raster/persist/class_registry.h"
@@ -162,5 +164,28 @@ HRESULT ExtractBandFunction::BindImpl(IRasterFunctionArguments* arguments) {
   for (LONG index : indexes) bands.push_back(raster::BandReference{input, index});
   return BindBands(bands);
 }
+
+// --- declaration -------------------------------------------------------------------------
+
+namespace {
+using framework::ArgumentKind;
+constexpr std::string_view kBandIdAliases[] = {"_BANDID_"};
+constexpr framework::Choice kMethods[] = {
+    {-1, "automatic"}, {0, "names"}, {1, "wavelengths"}, {2, "band positions"}};
+constexpr framework::ArgumentSpec kArguments[] = {
+    framework::Required("Raster", ArgumentKind::kRaster, "the input"),
+    framework::Optional("BandIDs", ArgumentKind::kIntegers, "every band",
+                        "the bands to keep, from 0, in output order")
+        .Also(kBandIdAliases),
+    framework::Optional("BandNames", ArgumentKind::kTexts, "none",
+                        "the bands to keep by name, in output order"),
+    framework::Optional("BandWavelengths", ArgumentKind::kNumbers, "none",
+                        "the bands to keep by centre wavelength (nanometres), in output order"),
+    kWavelengthMatchTolerance,
+    kMissingBandAction,
+    framework::Integer("Method", -1, "which list selects the bands").OneOf(kMethods),
+};
+}  // namespace
+PW_DECLARE_ARGUMENTS(ExtractBandFunction, ExtractBandFunctionArguments, kArguments);
 
 }  // namespace pw::functions

@@ -1,5 +1,6 @@
 // The arithmetic function and its arguments.
 #include "functions/elementary/arithmetic_function.h"
+#include "framework/argument_spec.h"
 
 #include <algorithm>
 #include <charconv>
@@ -432,5 +433,54 @@ HRESULT ArithmeticFunction::ReadImpl(LONG column, LONG row, IPixelBlock* block) 
   if (target.Get() != block) return raster::ConvertPixelBlock(target.Get(), block);
   return S_OK;
 }
+
+// --- declaration -------------------------------------------------------------------------
+
+namespace {
+using framework::ArgumentKind;
+constexpr framework::Choice kOperations[] = {{1, "plus"},
+                                             {1, "+"},
+                                             {1, "add"},
+                                             {2, "minus"},
+                                             {2, "-"},
+                                             {2, "subtract"},
+                                             {3, "times"},
+                                             {3, "*"},
+                                             {3, "multiply"},
+                                             {4, "divide"},
+                                             {4, "/"},
+                                             {5, "power"},
+                                             {5, "^"},
+                                             {5, "**"},
+                                             {6, "mode"},
+                                             {6, "%"},
+                                             {6, "mod"},
+                                             {6, "modulo"},
+                                             {7, "fractiondifference"},
+                                             {7, "fraction difference"}};
+constexpr framework::Choice kExtentTypes[] = {
+    {0, "first input"}, {1, "intersection"}, {2, "union"}, {3, "last input"}};
+constexpr framework::Choice kCellsizeTypes[] = {
+    {0, "first input"}, {1, "smallest"}, {2, "largest"}, {3, "mean"}, {4, "last input"}};
+constexpr framework::ArgumentSpec kArguments[] = {
+    framework::Required("Raster", ArgumentKind::kRasterOrNumbers,
+                        "the first operand: a raster, or constants (one per band, the last "
+                        "repeats)"),
+    framework::Required("Raster2", ArgumentKind::kRasterOrNumbers,
+                        "the second operand: a raster, or constants"),
+    framework::Integer("Operation", 1, "the operation, by code or name").OneOf(kOperations, true),
+    framework::Integer("ExtentType", 0, "the output extent from the inputs'").OneOf(kExtentTypes),
+    framework::Integer("CellsizeType", 1, "the output cell size from the inputs'")
+        .OneOf(kCellsizeTypes),
+    framework::Integer("RasterToGenerate", 0,
+                       "1: \"Raster\" holds constants, 2: \"Raster2\" does, other values: "
+                       "as given"),
+    framework::Integer("ToleranceType", 0,
+                       "fraction difference: 0 a tolerance relative to the second operand, "
+                       "other values an absolute one"),
+    framework::Number("ToleranceSize", 0, "fraction difference: the tolerance"),
+};
+}  // namespace
+PW_DECLARE_ARGUMENTS(ArithmeticFunction, ArithmeticFunctionArguments, kArguments);
 
 }  // namespace pw::functions

@@ -1,5 +1,6 @@
 // The constant function and its arguments.
 #include "functions/elementary/constant_function.h"
+#include "framework/argument_spec.h"
 
 #include <cmath>
 #include <cstring>
@@ -19,6 +20,23 @@ namespace pw::functions {
 
 PW_REGISTER_PERSIST_CLASS(ConstantFunction, ClassIdFromName("ConstantFunction"));
 PW_REGISTER_PERSIST_CLASS(ConstantFunctionArguments, ClassIdFromName("ConstantFunctionArguments"));
+
+namespace {
+using framework::ArgumentKind;
+constexpr framework::Choice kMethods[] = {{0, "constant"}, {1, "checkerboard"}};
+constexpr framework::ArgumentSpec kArguments[] = {
+    framework::Required("RasterInfo", ArgumentKind::kRasterInfo,
+                        "the raster to make: extent, cell size, pixel type, band count, no-data"),
+    framework::Optional("Constant", ArgumentKind::kNumberOrNumbers, "none",
+                        "the value of each band (the last repeats); method 0 needs it"),
+    framework::Optional("MinColor", ArgumentKind::kNumbers, "none",
+                        "the checkerboard's first value of each band; method 1 needs it"),
+    framework::Optional("MaxColor", ArgumentKind::kNumbers, "none",
+                        "the checkerboard's second value of each band; method 1 needs it"),
+    framework::Integer("Method", 0, "how the raster is filled").OneOf(kMethods),
+};
+}  // namespace
+PW_DECLARE_ARGUMENTS(ConstantFunction, ConstantFunctionArguments, kArguments);
 
 namespace {
 

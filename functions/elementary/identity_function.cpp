@@ -1,5 +1,6 @@
 // The identity function.
 #include "functions/elementary/identity_function.h"
+#include "framework/argument_spec.h"
 
 #include <cmath>
 
@@ -10,6 +11,18 @@
 namespace pw::functions {
 
 PW_REGISTER_PERSIST_CLASS(IdentityFunction, ClassIdFromName("IdentityFunction"));
+
+namespace {
+using framework::ArgumentKind;
+constexpr framework::ArgumentSpec kArguments[] = {
+    framework::Required("Raster", ArgumentKind::kRaster, "the raster passed through unchanged"),
+    framework::Optional("Extent", ArgumentKind::kEnvelope, "the input's",
+                        "limits the output to this extent, snapped outward to whole cells"),
+    framework::Optional("MultidimensionalInfo", ArgumentKind::kObject, "the input's",
+                        "replaces the output's multidimensional description"),
+};
+}  // namespace
+PW_DECLARE_ARGUMENTS(IdentityFunction, RasterFunctionArguments, kArguments);
 
 namespace {
 // The same small length in degrees for geographic references.

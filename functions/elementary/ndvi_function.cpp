@@ -1,5 +1,7 @@
 // The NDVI function and its arguments.
 #include "functions/elementary/ndvi_function.h"
+#include "framework/argument_spec.h"
+#include "functions/band_selection_arguments.h"
 
 #include <cstring>
 
@@ -231,5 +233,27 @@ HRESULT NDVIFunction::ReadImpl(LONG column, LONG row, IPixelBlock* block) {
   if (target.Get() != block) return raster::ConvertPixelBlock(target.Get(), block);
   return S_OK;
 }
+
+// --- declaration -------------------------------------------------------------------------
+
+namespace {
+using framework::ArgumentKind;
+constexpr framework::ArgumentSpec kArguments[] = {
+    framework::Required("Raster", ArgumentKind::kRaster, "the multiband input"),
+    framework::Integer("VisibleBandID", -1, "the red band, from 0 (-1: not given)"),
+    framework::Integer("InfraredBandID", -1, "the near-infrared band, from 0 (-1: not given)"),
+    framework::Optional("VisibleBandName", ArgumentKind::kText, "none", "the red band's name"),
+    framework::Optional("InfraredBandName", ArgumentKind::kText, "none",
+                        "the near-infrared band's name"),
+    framework::Number("VisibleBandWavelength", -1, "the red band's wavelength in nanometres"),
+    framework::Number("InfraredBandWavelength", -1,
+                      "the near-infrared band's wavelength in nanometres"),
+    kWavelengthMatchTolerance,
+    kMissingBandAction,
+    framework::Boolean("ScientificOutput", false,
+                       "true: the plain index in F32; false: the index scaled to 0..200 in U8"),
+};
+}  // namespace
+PW_DECLARE_ARGUMENTS(NDVIFunction, NDVIFunctionArguments, kArguments);
 
 }  // namespace pw::functions

@@ -1,5 +1,7 @@
 // The aspect function.
 #include "functions/terrain/aspect_function.h"
+#include "framework/argument_spec.h"
+#include "functions/terrain/terrain_arguments.h"
 
 #include "framework/arguments.h"
 #include "raster/persist/class_registry.h"
@@ -48,5 +50,18 @@ HRESULT AspectFunction::BindImpl(IRasterFunctionArguments* arguments) {
   ChooseDevice(target, deviceId);
   return DefineRasterKeyProperty(res::c_name_DataType, Variant(res::c_value_Generic));
 }
+
+// --- declaration -------------------------------------------------------------------------
+
+namespace {
+constexpr std::string_view kRasterAliases[] = {"DEM", "$$RasterValue"};
+constexpr framework::ArgumentSpec kArguments[] = {
+    framework::Required("Raster", framework::ArgumentKind::kRaster, "the elevation raster")
+        .Also(kRasterAliases),
+    terrain::kAnalysisTargetDevice,
+    terrain::kDeviceId,
+};
+}  // namespace
+PW_DECLARE_ARGUMENTS(AspectFunction, RasterFunctionArguments, kArguments);
 
 }  // namespace pw::functions

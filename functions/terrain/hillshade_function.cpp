@@ -1,5 +1,6 @@
 // The hillshade function and its arguments.
 #include "functions/terrain/hillshade_function.h"
+#include "framework/argument_spec.h"
 
 #include <cmath>
 
@@ -108,5 +109,26 @@ HRESULT HillshadeFunction::BindImpl(IRasterFunctionArguments* arguments) {
   ChooseDevice(2, -1);  // no device path
   return S_OK;
 }
+
+// --- declaration -------------------------------------------------------------------------
+
+namespace {
+constexpr framework::Choice kSlopeTypes[] = {
+    {1, "the plain z-factor"}, {2, "the plain z-factor"}, {3, "the power-scaled z-factor"}};
+constexpr framework::Choice kHillshadeTypes[] = {{0, "one sun"}, {1, "six fixed lights"}};
+constexpr framework::ArgumentSpec kArguments[] = {
+    terrain::kDem,
+    framework::Number("Azimuth", 315, "the sun's direction in degrees clockwise from north"),
+    framework::Number("Altitude", 45, "the sun's angle above the horizon in degrees")
+        .Between(-90, 90),
+    terrain::kZFactor,
+    framework::Integer("SlopeType", 1, "which z-factor").OneOf(kSlopeTypes),
+    terrain::kPSPower,
+    terrain::kPSZFactor,
+    terrain::kRemoveEdgeEffect,
+    framework::Integer("HillshadeType", 0, "the lighting").OneOf(kHillshadeTypes),
+};
+}  // namespace
+PW_DECLARE_ARGUMENTS(HillshadeFunction, HillshadeFunctionArguments, kArguments);
 
 }  // namespace pw::functions

@@ -1,5 +1,6 @@
 // The slope function and its arguments.
 #include "functions/terrain/slope_function.h"
+#include "framework/argument_spec.h"
 
 #include <cmath>
 
@@ -72,5 +73,23 @@ HRESULT SlopeFunction::BindImpl(IRasterFunctionArguments* arguments) {
   ChooseDevice(args->GetLong(u"AnalysisTargetDevice", 1), args->GetLong(u"DeviceId", -1));
   return DefineRasterKeyProperty(res::c_name_DataType, Variant(res::c_value_Generic));
 }
+
+// --- declaration -------------------------------------------------------------------------
+
+namespace {
+constexpr framework::Choice kSlopeTypes[] = {
+    {1, "degrees"}, {2, "percent rise"}, {3, "degrees with the power-scaled z-factor"}};
+constexpr framework::ArgumentSpec kArguments[] = {
+    terrain::kDem,
+    terrain::kZFactor,
+    framework::Integer("SlopeType", 1, "the kind of slope").OneOf(kSlopeTypes),
+    terrain::kPSPower,
+    terrain::kPSZFactor,
+    terrain::kRemoveEdgeEffect,
+    terrain::kAnalysisTargetDevice,
+    terrain::kDeviceId,
+};
+}  // namespace
+PW_DECLARE_ARGUMENTS(SlopeFunction, SlopeFunctionArguments, kArguments);
 
 }  // namespace pw::functions

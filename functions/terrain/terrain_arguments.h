@@ -3,9 +3,34 @@
 // function's typed accessor interface, which declares these accessors among its own.
 #pragma once
 
+#include "framework/argument_spec.h"
 #include "framework/arguments.h"
 
 namespace pw::functions {
+
+// The declarations of the arguments the terrain functions share.
+namespace terrain {
+inline constexpr std::string_view kDemAliases[] = {"Raster"};
+inline constexpr framework::ArgumentSpec kDem =
+    framework::Required("DEM", framework::ArgumentKind::kRaster, "the elevation raster")
+        .Also(kDemAliases);
+inline constexpr framework::ArgumentSpec kZFactor =
+    framework::Number("ZFactor", 1, "vertical exaggeration and unit conversion");
+inline constexpr framework::ArgumentSpec kPSPower =
+    framework::Number("PSPower", 0.664, "slope type 3: the power of the cell size in the z-factor");
+inline constexpr framework::ArgumentSpec kPSZFactor =
+    framework::Number("PSZFactor", 0.024, "slope type 3: the multiplier of the powered cell size");
+inline constexpr framework::ArgumentSpec kRemoveEdgeEffect = framework::Boolean(
+    "RemoveEdgeEffect", false, "true: edge cells are computed from the nearest edge cell repeated");
+inline constexpr framework::Choice kDevices[] = {
+    {1, "the GPU when there is one, else the CPU"}, {2, "the CPU"}, {3, "the GPU only"}};
+inline constexpr framework::ArgumentSpec kAnalysisTargetDevice =
+    framework::Integer("AnalysisTargetDevice", 1,
+                       "where the surface is computed (this build has the CPU only)")
+        .OneOf(kDevices);
+inline constexpr framework::ArgumentSpec kDeviceId =
+    framework::Integer("DeviceId", -1, "the GPU device (-1: the service's choice)");
+}  // namespace terrain
 
 // The z-factor settings of slope and hillshade, with their defaults.
 struct ZFactors {

@@ -1,6 +1,7 @@
 // JSON reading and writing on nlohmann-json.
 #include "raster/persist/json.h"
 
+#include <algorithm>
 #include <cmath>
 #include <limits>
 #include <vector>
@@ -224,11 +225,84 @@ HRESULT SaveJson(IUnknown* object, std::string* text) {
 
 HRESULT LoadJson(std::string_view text, IUnknown* object) {
   return Guard([&]() -> HRESULT {
-    Json json = Json::parse(text, nullptr, /*allow_exceptions=*/false);
-    if (json.is_discarded())
-      return ReportError(E_INVALIDARG, std::string_view("JSON is not well formed"));
+    Json json;
+    PW_RETURN_IF_FAILED(ParseJson(text, &json));
     return ObjectFromJson(json, object);
   });
+}
+
+namespace {
+
+// Line and column (from 1) of byte `offset` (from 1, as the parser counts) of `text`.
+std::string Position(std::string_view text, std::size_t offset) {
+  std::size_t line = 1, column = 1;
+  for (std::size_t i = 0; i + 1 < offset && i < text.size(); ++i) {
+    if (text[i] == '\n') {
+      ++line;
+      column = 1;
+    } else {
+      ++column;
+    }
+  }
+  return "line " + std::to_string(line) + ", column " + std::to_string(column);
+}
+
+// Thrown from the parser's callback to stop at a limit or a repeated member.
+struct Refused {
+  std::string why;
+};
+
+}  // namespace
+
+HRESULT ParseJson(std::string_view text, Json* json, std::string_view what) {
+  PW_CHECK_POINTER(json);
+  const std::string name(what);
+  if (text.size() > kMaxJsonBytes)
+    return ReportError(E_INVALIDARG, name + " is " + std::to_string(text.size()) +
+                                         " bytes long, more than the " +
+                                         std::to_string(kMaxJsonBytes) + " bytes read");
+  // The members of the objects being read, one set per open object.
+  std::vector<std::vector<std::string>> open;
+  const Json::parser_callback_t check = [&](int depth, Json::parse_event_t event, Json& parsed) {
+    switch (event) {
+      case Json::parse_event_t::object_start:
+      case Json::parse_event_t::array_start:
+        if (static_cast<std::size_t>(depth) >= kMaxJsonDepth)
+          throw Refused{"arrays and objects nest more than " + std::to_string(kMaxJsonDepth) +
+                        " deep"};
+        if (event == Json::parse_event_t::object_start) open.emplace_back();
+        break;
+      case Json::parse_event_t::object_end:
+        if (!open.empty()) open.pop_back();
+        break;
+      case Json::parse_event_t::key: {
+        const std::string& key = parsed.get_ref<const std::string&>();
+        if (!open.empty()) {
+          auto& seen = open.back();
+          if (std::find(seen.begin(), seen.end(), key) != seen.end())
+            throw Refused{"the member \"" + key + "\" is given twice in one object"};
+          seen.push_back(key);
+        }
+        break;
+      }
+      default:
+        break;
+    }
+    return true;
+  };
+  try {
+    *json = Json::parse(text, check, /*allow_exceptions=*/true);
+    return S_OK;
+  } catch (const Refused& refused) {
+    return ReportError(E_INVALIDARG, name + ": " + refused.why);
+  } catch (const nlohmann::json::parse_error& error) {
+    std::string reason = error.what();
+    // "[json.exception.parse_error.101] parse error at line 1, column 2: syntax error ..."
+    const auto colon = reason.find(": ", reason.find("parse error"));
+    if (colon != std::string::npos) reason = reason.substr(colon + 2);
+    return ReportError(E_INVALIDARG, name + " is not well-formed JSON at " +
+                                         Position(text, error.byte) + ": " + reason);
+  }
 }
 
 HRESULT GetDouble(const Json& json, const char* key, double* value) {

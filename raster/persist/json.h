@@ -38,6 +38,15 @@ HRESULT VariantFromJson(const Json& json, VARIANT* value);
 HRESULT SaveJson(IUnknown* object, std::string* text);
 HRESULT LoadJson(std::string_view text, IUnknown* object);
 
+// Limits of every JSON text read: how deep arrays and objects nest, and its size. Both are
+// checked while the text is parsed, before anything recursive sees the value.
+inline constexpr std::size_t kMaxJsonDepth = 256;
+inline constexpr std::size_t kMaxJsonBytes = std::size_t{256} << 20;
+
+// Parses `text` within the limits. A syntax error, a member given twice in one object or a
+// limit fails with E_INVALIDARG and a message naming `what`, the line and the column.
+HRESULT ParseJson(std::string_view text, Json* json, std::string_view what = "the JSON text");
+
 // Typed reads of members: absent leaves the value alone (S_FALSE); present in another
 // form is E_INVALIDARG.
 HRESULT GetDouble(const Json& json, const char* key, double* value);

@@ -1,0 +1,161 @@
+// The arguments of each function, declared once as data: name, older names and aliases,
+// kind, default, allowed values or range, and help. The declaration checks a chain's
+// arguments before anything binds (unknown names with the nearest known one, wrong kinds,
+// values outside their set), resolves template references by kind, gives the defaults the
+// typed getters return, and describes the function to `pixwerk functions NAME` and in
+// docs/functions.md.
+#pragma once
+
+#include <limits>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "framework/function_interfaces.h"
+#include "raster/persist/json.h"
+
+namespace pw::framework {
+
+enum class ArgumentKind {
+  kRaster,           // a dataset name, a nested chain or a raster object
+  kRasters,          // an array of those
+  kRasterOrNumbers,  // a raster, or constants: a number or an array of numbers
+  kInteger,
+  kNumber,
+  kBoolean,
+  kText,
+  kIntegers,         // an array of integers
+  kNumbers,          // an array of numbers
+  kNumberOrNumbers,  // a number or an array of numbers
+  kTexts,            // an array of texts
+  kRasterInfo,       // a raster info record (an object)
+  kEnvelope,         // an extent: {"XMin", "YMin", "XMax", "YMax"}
+  kObject,           // another object (multidimensional info, ...)
+};
+
+// What a kind is called in messages and descriptions ("a number", "an array of integers").
+std::string_view KindText(ArgumentKind kind);
+
+// An allowed value of an integer argument, with the name it may also be given by.
+struct Choice {
+  LONG value;
+  std::string_view name;
+};
+
+struct ArgumentSpec {
+  std::string_view name;
+  ArgumentKind kind;
+  // The value an absent argument takes, as a number (integers and booleans too) and as
+  // shown; a required argument shows "required", one without a default "none".
+  double number;
+  std::string_view shown;
+  std::string_view help;
+  std::span<const std::string_view> aliases = {};  // older names and aliases, read too
+  std::span<const Choice> choices = {};            // the allowed values of an integer
+  bool byName = false;                             // choices may be given by name
+  double minimum = -std::numeric_limits<double>::infinity();
+  double maximum = std::numeric_limits<double>::infinity();
+
+  bool Required() const { return shown == "required"; }
+  // The default as shown: `shown`, or the number (true/false for booleans).
+  std::string Default() const;
+
+  // Copies with aliases, a set of allowed values, or a range.
+  constexpr ArgumentSpec Also(std::span<const std::string_view> names) const {
+    ArgumentSpec copy = *this;
+    copy.aliases = names;
+    return copy;
+  }
+  constexpr ArgumentSpec OneOf(std::span<const Choice> allowed, bool names = false) const {
+    ArgumentSpec copy = *this;
+    copy.choices = allowed;
+    copy.byName = names;
+    return copy;
+  }
+  constexpr ArgumentSpec Between(double low, double high) const {
+    ArgumentSpec copy = *this;
+    copy.minimum = low;
+    copy.maximum = high;
+    return copy;
+  }
+};
+
+// Declarations in one line each.
+constexpr ArgumentSpec Required(std::string_view name, ArgumentKind kind, std::string_view help) {
+  return {.name = name, .kind = kind, .number = 0, .shown = "required", .help = help};
+}
+constexpr ArgumentSpec Optional(std::string_view name, ArgumentKind kind, std::string_view shown,
+                                std::string_view help) {
+  return {.name = name, .kind = kind, .number = 0, .shown = shown, .help = help};
+}
+constexpr ArgumentSpec Number(std::string_view name, double value, std::string_view help) {
+  return {.name = name, .kind = ArgumentKind::kNumber, .number = value, .shown = "", .help = help};
+}
+constexpr ArgumentSpec Integer(std::string_view name, LONG value, std::string_view help) {
+  return {.name = name,
+          .kind = ArgumentKind::kInteger,
+          .number = static_cast<double>(value),
+          .shown = "",
+          .help = help};
+}
+constexpr ArgumentSpec Boolean(std::string_view name, bool value, std::string_view help) {
+  return {.name = name,
+          .kind = ArgumentKind::kBoolean,
+          .number = value ? 1.0 : 0.0,
+          .shown = "",
+          .help = help};
+}
+
+struct FunctionSpec {
+  std::string_view function;   // the class name, "SlopeFunction"
+  std::string_view arguments;  // its arguments class, "SlopeFunctionArguments"
+  std::span<const ArgumentSpec> items;
+
+  const ArgumentSpec* Find(std::u16string_view name) const;  // by name or alias, any case
+  const ArgumentSpec* Find(std::string_view name) const;
+};
+
+// The functions of this build register their declarations when the library loads.
+bool RegisterFunctionSpec(const FunctionSpec& spec);
+// A function's declaration by class name or programmatic identifier (any case); null for
+// a function without one.
+const FunctionSpec* FindFunctionSpec(std::string_view function);
+// Every declaration, in the order of their class names.
+std::vector<const FunctionSpec*> FunctionSpecs();
+
+// The function a short or any-case name means among the declared functions: "slope",
+// "Slope", "slopefunction" and "quarnDataSourcesRaster.SlopeFunction" all give
+// "SlopeFunction". Empty when no declared function matches.
+std::string ResolveFunctionName(std::string_view name);
+
+// The known name nearest to `given` (case-insensitive edit distance), when it is near
+// enough to be a misspelling; empty otherwise.
+std::string NearestName(std::string_view given, const std::vector<std::string_view>& known);
+
+// Checks a chain's "arguments" object against the declaration: every member is a declared
+// argument (or an alias, or "type"), of its kind, inside its set or range. Fails with
+// E_INVALIDARG and a message naming the argument, what was expected and what was given.
+HRESULT CheckArguments(const FunctionSpec& spec, const persist::Json& arguments);
+
+// The integer a choice argument was given as (a number, or a choice's name in any case);
+// nullopt for anything else.
+std::optional<LONG> ChoiceValue(const ArgumentSpec& spec, const persist::Json& value);
+
+// A declaration as text: one line per argument with its kind, default, allowed values and
+// help (`pixwerk functions NAME`), or as a Markdown table (docs/functions.md).
+std::string DescribeArguments(const FunctionSpec& spec);
+std::string ArgumentsTable(const FunctionSpec& spec);
+
+// Resolves every declared argument of `arguments` against a row and a property set by its
+// kind (datasets, numbers, texts and their arrays).
+void ResolveDeclared(const FunctionSpec& spec, IRasterFunctionArguments* arguments, IRow* row,
+                     IPropertySet* properties);
+
+}  // namespace pw::framework
+
+// Registers a function's declaration: PW_DECLARE_ARGUMENTS(SlopeFunction, kSlopeArguments).
+#define PW_DECLARE_ARGUMENTS(Function, ArgumentsClass, Items)                       \
+  static const bool pw_declared_##Function = ::pw::framework::RegisterFunctionSpec( \
+      ::pw::framework::FunctionSpec{#Function, #ArgumentsClass, Items})
