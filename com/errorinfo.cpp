@@ -1,6 +1,8 @@
 // The error object, the calling thread's current error, and message chaining.
 #include "com/errorinfo.h"
 
+#include <cstdio>
+
 #include "com/bstr.h"
 #include "com/com_object.h"
 #include "com/guard.h"
@@ -95,6 +97,36 @@ std::u16string PeekErrorDescription() {
 
 void ClearErrorInfo() {
   ::SetErrorInfo(0, nullptr);
+}
+
+std::string DescribeResult(HRESULT hr) {
+  static constexpr struct {
+    HRESULT code;
+    const char* text;
+  } kTexts[] = {
+      {S_OK, "success"},
+      {E_NOTIMPL, "not implemented"},
+      {E_NOINTERFACE, "the object lacks the interface"},
+      {E_POINTER, "a null pointer was given"},
+      {E_ABORT, "cancelled"},
+      {E_FAIL, "unspecified failure"},
+      {E_UNEXPECTED, "unexpected failure"},
+      {E_ACCESSDENIED, "access denied"},
+      {E_OUTOFMEMORY, "out of memory"},
+      {E_INVALIDARG, "invalid argument"},
+      {STG_E_FILENOTFOUND, "file not found"},
+      {STG_E_ACCESSDENIED, "file access denied"},
+      {STG_E_WRITEFAULT, "write failure"},
+      {STG_E_READFAULT, "read failure"},
+      {STG_E_MEDIUMFULL, "the disk is full"},
+      {REGDB_E_CLASSNOTREG, "class not registered"},
+      {CO_E_CLASSSTRING, "unknown programmatic identifier"},
+  };
+  char code[16];
+  std::snprintf(code, sizeof(code), "0x%08X", static_cast<unsigned>(hr));
+  for (const auto& t : kTexts)
+    if (t.code == hr) return std::string(t.text) + " (" + code + ")";
+  return std::string("result ") + code;
 }
 
 HRESULT ChainError(HRESULT hr, std::u16string_view message, const GUID& source) {

@@ -51,4 +51,8 @@ std::u16string PeekErrorDescription();
 std::u16string TakeErrorDescription();
 void ClearErrorInfo();
 
+// What a result code means, with the code: "out of memory (0x8007000E)"; a code without a
+// text of its own is shown as "result 0x...".
+std::string DescribeResult(HRESULT hr);
+
 }  // namespace pw

@@ -222,7 +222,27 @@ std::string ResolveFunctionName(std::string_view name) {
   const std::string bare = Bare(name);
   for (const std::string& candidate : {bare, bare + "Function"})
     if (const FunctionSpec* spec = FindFunctionSpec(candidate)) return std::string(spec->function);
-  return {};
+  const std::string start = Lower(bare);
+  std::string found;
+  for (const FunctionSpec* spec : FunctionSpecs()) {
+    if (start.empty() || Lower(spec->function).rfind(start, 0) != 0) continue;
+    if (!found.empty()) return {};  // more than one: ambiguous
+    found = std::string(spec->function);
+  }
+  return found;
+}
+
+std::string SuggestFunctionName(std::string_view name) {
+  std::vector<std::string> names;
+  for (const FunctionSpec* spec : FunctionSpecs()) {
+    names.emplace_back(spec->function);
+    constexpr std::string_view kSuffix = "Function";
+    if (spec->function.ends_with(kSuffix))
+      names.emplace_back(spec->function.substr(0, spec->function.size() - kSuffix.size()));
+  }
+  const std::string nearest = NearestName(Bare(name), {names.begin(), names.end()});
+  const std::string full = ResolveFunctionName(nearest);
+  return full.empty() ? nearest : full;
 }
 
 std::string NearestName(std::string_view given, const std::vector<std::string_view>& known) {

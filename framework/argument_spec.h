@@ -127,8 +127,13 @@ std::vector<const FunctionSpec*> FunctionSpecs();
 
 // The function a short or any-case name means among the declared functions: "slope",
 // "Slope", "slopefunction" and "quarnDataSourcesRaster.SlopeFunction" all give
-// "SlopeFunction". Empty when no declared function matches.
+// "SlopeFunction", and a start that only one name has ("composite") that one. Empty when no
+// declared function matches, or more than one starts so.
 std::string ResolveFunctionName(std::string_view name);
+
+// The declared function nearest to a name that matched none, for "did you mean"; empty
+// when none is near.
+std::string SuggestFunctionName(std::string_view name);
 
 // The known name nearest to `given` (case-insensitive edit distance), when it is near
 // enough to be a misspelling; empty otherwise.

@@ -133,16 +133,7 @@ HRESULT CreateFunction(const std::string& name, IRasterFunction** function,
   HRESULT hr = CreateByName(*resolved, function);
   if (SUCCEEDED(hr)) return S_OK;
   if (hr == CO_E_CLASSSTRING || hr == E_NOINTERFACE || hr == REGDB_E_CLASSNOTREG) {
-    // The nearest of the declared functions, by class name or short name.
-    std::vector<std::string> names;
-    for (const FunctionSpec* spec : FunctionSpecs()) {
-      names.emplace_back(spec->function);
-      const std::string_view suffix = "Function";
-      if (spec->function.ends_with(suffix))
-        names.emplace_back(spec->function.substr(0, spec->function.size() - suffix.size()));
-    }
-    std::string nearest = NearestName(BareName(name), {names.begin(), names.end()});
-    if (const std::string full = ResolveFunctionName(nearest); !full.empty()) nearest = full;
+    const std::string nearest = SuggestFunctionName(name);
     return ReportError(E_INVALIDARG,
                        "unknown function '" + name + "'" +
                            (nearest.empty() ? "" : " (did you mean '" + nearest + "'?)") +
@@ -248,7 +239,74 @@ HRESULT LoadChainText(std::string_view text, const fs::path& base,
   });
 }
 
-HRESULT LoadChainFile(const fs::path& file, IFunctionRasterDataset** dataset) {
+namespace {
+
+// The placeholders of one text filled in; the first without a value in `missing`.
+std::string FillText(const std::string& text, const ChainVariables& variables,
+                     std::string* missing) {
+  std::string out;
+  std::size_t at = 0;
+  while (at < text.size()) {
+    const auto open = text.find("${", at);
+    const auto close = open == std::string::npos ? open : text.find('}', open + 2);
+    if (close == std::string::npos) break;
+    out += text.substr(at, open - at);
+    const std::string name = text.substr(open + 2, close - open - 2);
+    if (const auto it = variables.find(name); it != variables.end()) {
+      out += it->second;
+    } else {
+      if (missing->empty()) *missing = name;
+      out += text.substr(open, close - open + 1);
+    }
+    at = close + 1;
+  }
+  return out + text.substr(std::min(at, text.size()));
+}
+
+}  // namespace
+
+HRESULT FillVariables(Json* chain, const ChainVariables& variables) {
+  PW_CHECK_POINTER(chain);
+  return Guard([&]() -> HRESULT {
+    std::string missing;
+    // Iteratively: the parser bounds the depth, but no recursion is needed.
+    std::vector<Json*> pending{chain};
+    while (!pending.empty()) {
+      Json* value = pending.back();
+      pending.pop_back();
+      if (value->is_structured()) {
+        for (auto& child : *value) pending.push_back(&child);
+        continue;
+      }
+      if (!value->is_string()) continue;
+      const std::string& text = value->get_ref<const std::string&>();
+      if (text.find("${") == std::string::npos) continue;
+      const bool whole = text.size() > 3 && text.rfind("${", 0) == 0 &&
+                         text.find('}') == text.size() - 1;
+      const std::string filled = FillText(text, variables, &missing);
+      if (whole && filled != text) {
+        Json typed = Json::parse(filled, nullptr, false);
+        *value = !typed.is_discarded() && (typed.is_number() || typed.is_boolean())
+                     ? typed
+                     : Json(filled);
+      } else {
+        *value = filled;
+      }
+    }
+    if (!missing.empty())
+      return ReportError(E_INVALIDARG, "the chain uses ${" + missing +
+                                           "} and no value was given for it (--set " + missing +
+                                           "=VALUE)");
+    return S_OK;
+  });
+}
+
+namespace {
+
+// With `variables`, every placeholder must be filled; without, texts stay as they are (for
+// arguments resolved later against a row and a property set).
+HRESULT LoadFile(const fs::path& file, const ChainVariables* variables,
+                 IFunctionRasterDataset** dataset) {
   PW_CHECK_POINTER(dataset);
   *dataset = nullptr;
   return Guard([&]() -> HRESULT {
@@ -268,9 +326,21 @@ HRESULT LoadChainFile(const fs::path& file, IFunctionRasterDataset** dataset) {
     Json chain;
     PW_RETURN_IF_FAILED(
         persist::ParseJson(text.str(), &chain, "the chain file '" + file.string() + "'"));
+    if (variables != nullptr) PW_RETURN_IF_FAILED(FillVariables(&chain, *variables));
     const fs::path base = fs::absolute(file).parent_path();
     return LoadChain(chain, base, dataset);
   });
+}
+
+}  // namespace
+
+HRESULT LoadChainFile(const fs::path& file, IFunctionRasterDataset** dataset) {
+  return LoadFile(file, nullptr, dataset);
+}
+
+HRESULT LoadChainFile(const fs::path& file, const ChainVariables& variables,
+                      IFunctionRasterDataset** dataset) {
+  return LoadFile(file, &variables, dataset);
 }
 
 HRESULT SaveChain(IFunctionRasterDataset* dataset, Json* chain) {

@@ -14,6 +14,7 @@
 #pragma once
 
 #include <filesystem>
+#include <map>
 #include <string>
 #include <string_view>
 
@@ -29,6 +30,17 @@ HRESULT LoadChainText(std::string_view text, const std::filesystem::path& baseFo
                       IFunctionRasterDataset** dataset);
 // Reads the file and loads it with its folder as the base.
 HRESULT LoadChainFile(const std::filesystem::path& file, IFunctionRasterDataset** dataset);
+
+// Values for the chain's "${NAME}" placeholders (`pixwerk run --set NAME=VALUE`, keyword
+// arguments in Python). A text that is one whole placeholder takes the value as JSON when it
+// reads as a number, true or false ("ZFactor": "${Z}" with Z=2 gives the number 2), else as a
+// text; placeholders inside a text are replaced in it ("${DIR}/dem.tif").
+using ChainVariables = std::map<std::string, std::string>;
+
+// Fills every placeholder of `chain`; a placeholder without a value fails, naming it.
+HRESULT FillVariables(persist::Json* chain, const ChainVariables& variables);
+HRESULT LoadChainFile(const std::filesystem::path& file, const ChainVariables& variables,
+                      IFunctionRasterDataset** dataset);
 
 // The chain of a function raster dataset in the form above.
 HRESULT SaveChain(IFunctionRasterDataset* dataset, persist::Json* chain);

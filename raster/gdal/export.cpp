@@ -308,7 +308,7 @@ HRESULT ExportRaster(IRaster* raster, const std::string& path, const ExportOptio
       }
     }
 
-    const FullDiskWatch watch;
+    const GdalErrorScope scope;
     ExportFiles files;
     PW_RETURN_IF_FAILED(files.Open(path));
     job.files = &files;

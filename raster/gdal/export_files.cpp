@@ -14,9 +14,8 @@
 #include <set>
 #include <vector>
 
-#include <cpl_error.h>
-
 #include "com/errorinfo.h"
+#include "raster/gdal/gdal_dataset.h"
 
 namespace pw::raster::gdal {
 namespace {
@@ -79,31 +78,6 @@ std::int64_t FreeBytes(const fs::path& folder) {
   return static_cast<std::int64_t>(s.f_bavail) * static_cast<std::int64_t>(s.f_frsize);
 }
 
-namespace {
-thread_local FullDiskWatch* g_watch = nullptr;
-
-void CPL_STDCALL NoteFullDisk(CPLErr kind, CPLErrorNum, const char*) {
-  const int number = errno;
-  if (kind >= CE_Failure && g_watch != nullptr &&
-      (number == ENOSPC || number == EDQUOT || number == EFBIG))
-    g_watch->Note();
-}
-}  // namespace
-
-FullDiskWatch::FullDiskWatch() : previous_(g_watch) {
-  g_watch = this;
-  CPLPushErrorHandler(NoteFullDisk);
-}
-
-FullDiskWatch::~FullDiskWatch() {
-  CPLPopErrorHandler();
-  g_watch = previous_;
-}
-
-bool FullDiskSeen() {
-  return g_watch != nullptr && g_watch->Seen();
-}
-
 std::string DiskFullNote(const fs::path& folder, std::int64_t needed) {
   const std::int64_t free = FreeBytes(folder);
   const bool low = free >= 0 && free < std::max<std::int64_t>(needed, 1 << 20);
@@ -152,11 +126,12 @@ void RemoveStaleTemporaries(const fs::path& folder) {
 HRESULT ExportFiles::Open(const std::string& output) {
   fs::path target(output);
   std::error_code ec;
-  // Through a link to the file it names, so the link stays a link.
-  if (fs::is_symlink(fs::symlink_status(target, ec))) {
-    const fs::path resolved = fs::weakly_canonical(target, ec);
-    if (ec) return ReportError(STG_E_ACCESSDENIED, "cannot follow the link '" + output + "'");
-    target = resolved;
+  // Through a link to the file it names (which may not exist yet), so the link stays a link.
+  for (int hops = 0; fs::is_symlink(fs::symlink_status(target, ec)); ++hops) {
+    const fs::path next = fs::read_symlink(target, ec);
+    if (ec || hops == 40)
+      return ReportError(STG_E_ACCESSDENIED, "cannot follow the link '" + output + "'");
+    target = next.is_absolute() ? next : target.parent_path() / next;
   }
   const fs::file_status status = fs::status(target, ec);
   if (fs::exists(status) && !fs::is_regular_file(status))

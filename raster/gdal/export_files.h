@@ -46,24 +46,6 @@ std::string DiskFullNote(const std::filesystem::path& folder, std::int64_t neede
 // Removes the temporaries of exports to `folder` that ended without cleaning up.
 void RemoveStaleTemporaries(const std::filesystem::path& folder);
 
-// Watches GDAL's failures on the calling thread for the life of the object and notes one
-// that came with a full disk (the system's error number at the moment GDAL reported it), so
-// that the export can say so even after the driver removed what it had written.
-class FullDiskWatch {
- public:
-  FullDiskWatch();
-  ~FullDiskWatch();
-  FullDiskWatch(const FullDiskWatch&) = delete;
-  FullDiskWatch& operator=(const FullDiskWatch&) = delete;
-  bool Seen() const { return seen_; }
-  void Note() { seen_ = true; }
 
- private:
-  bool seen_ = false;
-  FullDiskWatch* previous_;
-};
-
-// Whether a FullDiskWatch on this thread saw a full disk.
-bool FullDiskSeen();
 
 }  // namespace pw::raster::gdal

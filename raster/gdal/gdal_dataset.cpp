@@ -10,6 +10,7 @@
 #include <ogr_srs_api.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cmath>
 #include <cstring>
 #include <limits>
@@ -103,6 +104,7 @@ void MarkValid(const T* values, const std::uint8_t* cover, std::uint8_t threshol
 }
 
 HRESULT OpenByName(std::u16string_view name, IRasterDataset** dataset) {
+  const GdalErrorScope scope;
   return Guard([&]() -> HRESULT {
     auto object = MakeObject<GdalDataset>();
     PW_RETURN_IF_FAILED(object->Open(ToUtf8(name)));
@@ -147,6 +149,7 @@ struct OgrReference {
 };
 
 bool SameByGdal(ISpatialReference* a, ISpatialReference* b) {
+  const GdalErrorScope scope;
   const OgrReference ra(a), rb(b);
   if (ra.h == nullptr || rb.h == nullptr) return false;
   const char* options[] = {"IGNORE_DATA_AXIS_TO_SRS_AXIS_MAPPING=YES", nullptr};
@@ -157,6 +160,7 @@ bool SameByGdal(ISpatialReference* a, ISpatialReference* b) {
 // the same ground size.
 HRESULT CarryByGdal(const RasterGrid& grid, ISpatialReference* from, ISpatialReference* to,
                     RasterGrid* carried) {
+  const GdalErrorScope scope;
   if (!grid.Valid()) return E_INVALIDARG;
   Bstr fromWkt, toWkt;
   if (from != nullptr) from->get_WKT(&fromWkt);
@@ -233,11 +237,49 @@ std::string LastGdalError() {
   return message && *message ? message : "GDAL gave no reason";
 }
 
+namespace {
+thread_local GdalErrorScope* t_scope = nullptr;
+
+}  // namespace
+
+GdalErrorScope::GdalErrorScope() : outer_(t_scope) {
+  // The application's handler, to pass warnings on to: set and put back at once.
+  const CPLErrorHandler current = CPLSetErrorHandler(nullptr);
+  CPLSetErrorHandler(current);
+  forward_ = reinterpret_cast<void*>(current);
+  t_scope = this;
+  CPLPushErrorHandlerEx(
+      [](CPLErr kind, CPLErrorNum number, const char* message) {
+        const int systemError = errno;
+        GdalErrorScope* scope = t_scope;
+        if (scope == nullptr) return;
+        if (kind >= CE_Failure) {
+          if (systemError == ENOSPC || systemError == EDQUOT || systemError == EFBIG)
+            scope->NoteFullDisk();
+          return;  // becomes the library's own message
+        }
+        const auto forward = reinterpret_cast<CPLErrorHandler>(scope->forward_);
+        if (forward != nullptr) {
+          forward(kind, number, message);
+        } else {
+          CPLDefaultErrorHandler(kind, number, message);
+        }
+      },
+      this);
+}
+
+GdalErrorScope::~GdalErrorScope() {
+  CPLPopErrorHandler();
+  t_scope = outer_;
+}
+
+bool FullDiskSeen() {
+  return t_scope != nullptr && t_scope->FullDisk();
+}
+
 void Initialize() {
   static const bool done = [] {
     GDALAllRegister();
-    // GDAL's messages become Pixwerk's error messages instead of lines on stderr.
-    CPLSetErrorHandler(CPLQuietErrorHandler);
     RegisterDatasetOpener(&OpenByName);
     RegisterReprojection({&SameByGdal, &CarryByGdal});
     return true;
@@ -491,6 +533,7 @@ HRESULT GdalDataset::GetInfo(SourceInfo* info) {
 
 HRESULT GdalDataset::ReadWindow(LONG band, LONG column, LONG row, LONG width, LONG height,
                                 void* buffer, BYTE* bits) {
+  const GdalErrorScope scope;
   if (band < 0 || band >= info_.bandCount || buffer == nullptr || bits == nullptr || width < 0 ||
       height < 0)
     return E_INVALIDARG;
@@ -632,6 +675,7 @@ GDALResampleAlg WarpAlgorithm(LONG method) {
 HRESULT GdalDataset::ReadWarped(LONG band, const RasterGrid& grid, ISpatialReference* reference,
                                 LONG method, LONG column, LONG row, LONG width, LONG height,
                                 void* buffer, BYTE* bits) {
+  const GdalErrorScope scope;
   if (band < 0 || band >= info_.bandCount || reference == nullptr || buffer == nullptr ||
       bits == nullptr || width < 0 || height < 0 || !grid.Valid())
     return E_INVALIDARG;

@@ -28,6 +28,31 @@ int GdalTypeOfPixelType(LONG pixelType);
 // GDAL's last error message on this thread, or a note that it gave none.
 std::string LastGdalError();
 
+// Takes GDAL's reports on the calling thread while it lives: failures become this library's
+// error messages (LastGdalError) instead of lines on stderr; warnings and debug messages go
+// on to the application's own handler (GDAL's default one prints them on stderr). The
+// application's handler is never replaced. Every entry of this layer that calls GDAL holds
+// one.
+class GdalErrorScope {
+ public:
+  GdalErrorScope();
+  ~GdalErrorScope();
+  GdalErrorScope(const GdalErrorScope&) = delete;
+  GdalErrorScope& operator=(const GdalErrorScope&) = delete;
+  // Whether a failure came with a full disk (the system's error number when it came).
+  bool FullDisk() const { return fullDisk_; }
+  void NoteFullDisk() { fullDisk_ = true; }
+
+ private:
+  void* forward_;  // the application's handler when this scope began
+  bool fullDisk_ = false;
+  GdalErrorScope* outer_;
+};
+
+// Whether a GDAL failure reported on this thread, inside a GdalErrorScope, came with a full
+// disk.
+bool FullDiskSeen();
+
 class GdalDataset : public IRasterDataset, public IRasterSource, public IRasterWarpSource {
  public:
   using Interfaces = InterfaceList<IRasterDataset, IRasterSource, IRasterWarpSource>;

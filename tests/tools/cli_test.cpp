@@ -3,6 +3,7 @@
 
 #include <gdal.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -22,21 +23,61 @@ namespace {
 using pw::test::RunCli;
 using Result = pw::test::CliResult;
 
-TEST(Cli, ListsTheAdvertisedFunctionsWithDisplayNames) {
-  const Result r = RunCli("functions");
+TEST(Cli, ListsTheFunctionsOfThisBuildAndEveryAdvertisedOne) {
+  Result r = RunCli("functions");
   EXPECT_EQ(r.status, 0);
-  EXPECT_NE(r.out.find("SlopeFunction"), std::string::npos);
-  EXPECT_NE(r.out.find("Slope Function"), std::string::npos);
+  for (const char* expected :
+       {"IdentityFunction", "SlopeFunction", "Slope Function", "9 functions in this build"})
+    EXPECT_NE(r.out.find(expected), std::string::npos) << expected << "\n" << r.out;
+  EXPECT_EQ(r.out.find("ContinuumRemovalFunction"), std::string::npos);  // not in this build
+  r = RunCli("functions --all");
+  EXPECT_EQ(r.status, 0);
   EXPECT_NE(r.out.find("ContinuumRemovalFunction"), std::string::npos);
-  EXPECT_EQ(r.out.find("IdentityFunction"), std::string::npos);  // not advertised
-  EXPECT_NE(r.out.find("89 raster functions advertised"), std::string::npos);
+  EXPECT_NE(r.out.find("(not in this build)"), std::string::npos);
+  EXPECT_NE(r.out.find("IdentityFunction"), std::string::npos);
 }
 
-TEST(Cli, BadUsageExitsWithTwo) {
-  const char* cases[] = {"", "frobnicate", "functions extra", "register --registry",
-                         "register --verbose"};
+TEST(Cli, DescribesAFunctionsArgumentsByAnyName) {
+  for (const char* name : {"SlopeFunction", "slope", "quarnDataSourcesRaster.SlopeFunction"}) {
+    const Result r = RunCli(std::string("functions ") + name);
+    EXPECT_EQ(r.status, 0) << name;
+    for (const char* expected : {"SlopeFunction (Slope Function)", "DEM", "required", "ZFactor",
+                                 "default 1", "one of 1 (degrees)"})
+      EXPECT_NE(r.out.find(expected), std::string::npos) << expected << "\n" << r.out;
+  }
+  Result r = RunCli("functions hillshade --markdown");
+  EXPECT_EQ(r.status, 0);
+  EXPECT_NE(r.out.find("| \"Altitude\" | a number | 45 | -90 to 90 |"), std::string::npos) << r.out;
+  r = RunCli("functions slpoe");
+  EXPECT_EQ(r.status, 1);
+  EXPECT_NE(r.out.find("did you mean 'SlopeFunction'"), std::string::npos) << r.out;
+}
+
+TEST(Cli, VersionHelpAndBadUsage) {
+  Result r = RunCli("--version");
+  EXPECT_EQ(r.status, 0);
+  EXPECT_EQ(r.out.rfind("pixwerk 0.", 0), 0u) << r.out;
+  EXPECT_NE(r.out.find("GDAL 3."), std::string::npos) << r.out;
+  for (const char* help : {"help", "--help", "-h"}) {
+    r = RunCli(help);
+    EXPECT_EQ(r.status, 0) << help;
+    EXPECT_NE(r.out.find("run         bind a chain"), std::string::npos) << help;
+  }
+  for (const char* help : {"help run", "run --help", "run x.json -h", "info --help",
+                           "functions --help", "register --help"}) {
+    r = RunCli(help);
+    EXPECT_EQ(r.status, 0) << help;
+    EXPECT_EQ(r.out.rfind("usage: pixwerk ", 0), 0u) << help << ": " << r.out;
+  }
+  const char* cases[] = {"",
+                         "frobnicate",
+                         "functions a b",
+                         "register --registry",
+                         "register --verbose",
+                         "help frobnicate",
+                         "info a.json --frob"};
   for (const char* args : cases) {
-    const Result r = RunCli(args);
+    r = RunCli(args);
     EXPECT_EQ(r.status, 2) << args;
     EXPECT_NE(r.out.find("usage: pixwerk"), std::string::npos) << args;
   }
@@ -83,14 +124,172 @@ TEST_F(CliRun, RunsTheSampleChainAndDescribesIt) {
   r = RunCli("run " + Path("chain.json") + " -o " + Path("out.cog.tif") + " --format COG --quiet");
   EXPECT_EQ(r.status, 0) << r.out;
   EXPECT_EQ(r.out, "");
-  r = RunCli("info " + Path("chain.json"));
+  r = RunCli("info " + Path("chain.json") + " --json");
   EXPECT_EQ(r.status, 0) << r.out;
   EXPECT_NE(r.out.find("\"PixelType\": \"F32\""), std::string::npos) << r.out;
   EXPECT_NE(r.out.find("\"WKID\": 32633"), std::string::npos) << r.out;
   r = RunCli("info " + Path("image.tif"));  // a raster describes itself
   EXPECT_EQ(r.status, 0) << r.out;
-  EXPECT_NE(r.out.find("\"BandCount\": 4"), std::string::npos) << r.out;
-  EXPECT_NE(r.out.find("\"PixelType\": \"U16\""), std::string::npos) << r.out;
+  for (const char* expected : {"size: 64 x 64 cells of", "reference: EPSG:32633",
+                               "blocks: ", "bands: 4 of U16", "band 3 \"Red\": no-data 0"})
+    EXPECT_NE(r.out.find(expected), std::string::npos) << expected << "\n" << r.out;
+}
+
+TEST_F(CliRun, InfoShowsAChainsTreeWithGivenAndDefaultArguments) {
+  pw::test::WriteFile(dir_ / "tree.json", R"({"function": "composite", "arguments": {"Rasters": [
+      "dem.tif", {"function": "Slope", "arguments": {"DEM": "${DEM}", "ZFactor": "${Z}"},
+                  "name": "steepness"}]}})");
+  const Result r = RunCli("info " + Path("tree.json") + " --set DEM=dem.tif --set Z=2");
+  EXPECT_EQ(r.status, 0) << r.out;
+  for (const char* expected :
+       {"CompositeBandFunction\n  Rasters = [\n    \"dem.tif\"\n    SlopeFunction \"steepness\"",
+        "      DEM = \"dem.tif\"\n      ZFactor = 2\n      SlopeType = 1 (default)",
+        // The slope has no no-data value and the DEM's -9999 could be a slope: both bands take
+        // NaN, which no valid cell of either holds.
+        "output\nsize: 64 x 64", "band 1 \"Elevation\": no-data nan",
+        "band 2 \"Slope\": no-data nan"})
+    EXPECT_NE(r.out.find(expected), std::string::npos) << expected << "\n" << r.out;
+}
+
+TEST_F(CliRun, GdalConventionsAndPlaceholders) {
+  pw::test::WriteFile(dir_ / "z.json", R"({"function": "SlopeFunction",
+      "arguments": {"DEM": "${FOLDER}/dem.tif", "ZFactor": "${Z}"}, "name": "slope ${Z}"})");
+  // A positional output, -of in any case, -co and -q.
+  Result r =
+      RunCli("run " + Path("z.json") + " " + Path("out.tif") + " -of cog -co COMPRESS=LZW -q" +
+             " --set FOLDER=" + dir_.Path().string() + " --set Z=3");
+  EXPECT_EQ(r.status, 0) << r.out;
+  EXPECT_EQ(r.out, "");
+  GDALAllRegister();
+  GDALDatasetH ds = GDALOpen(Path("out.tif").c_str(), GA_ReadOnly);
+  ASSERT_NE(ds, nullptr);
+  EXPECT_STREQ(GDALGetMetadataItem(ds, "LAYOUT", "IMAGE_STRUCTURE"), "COG");
+  EXPECT_STREQ(GDALGetMetadataItem(ds, "COMPRESSION", "IMAGE_STRUCTURE"), "LZW");
+  EXPECT_STREQ(GDALGetMetadataItem(ds, "PIXWERK_CHAIN_NAME", nullptr), "slope 3");
+  GDALClose(ds);
+  // A placeholder without a value, an output GDAL would write in another format.
+  r = RunCli("run " + Path("z.json") + " " + Path("x.tif") +
+             " --set FOLDER=" + dir_.Path().string());
+  EXPECT_EQ(r.status, 1) << r.out;
+  EXPECT_NE(r.out.find("uses ${Z} and no value was given for it (--set Z=VALUE)"),
+            std::string::npos)
+      << r.out;
+  for (const char* name : {"x.vrt", "x.png", "x"}) {
+    r = RunCli("run " + Path("chain.json") + " " + Path(name));
+    EXPECT_EQ(r.status, 2) << name;
+    EXPECT_NE(r.out.find(".tif or .tiff"), std::string::npos) << r.out;
+  }
+  // GDAL's own warnings reach standard error.
+  r = RunCli("run " + Path("chain.json") + " " + Path("w.tif") + " -q -co NO_SUCH_OPTION=1");
+  EXPECT_EQ(r.status, 0) << r.out;
+  EXPECT_NE(r.out.find("NO_SUCH_OPTION"), std::string::npos) << r.out;
+}
+
+TEST_F(CliRun, ProgressRunsThroughTheWholeExportWhenNotOnATerminal) {
+  for (const char* format : {"GTiff", "COG"}) {
+    const Result r = RunCli("run " + Path("chain.json") + " " + Path("p.tif") + " -of " + format);
+    EXPECT_EQ(r.status, 0) << r.out;
+    EXPECT_NE(r.out.find("0...10...20...30...40...50...60...70...80...90...100 - done."),
+              std::string::npos)
+        << format << ": " << r.out;
+  }
+}
+
+TEST_F(CliRun, OutputsThatAreNotRegularFilesAreRefusedAndNeverReplaced) {
+  namespace fs = std::filesystem;
+  fs::create_directory(dir_ / "folder.tif");
+  ASSERT_EQ(mkfifo((dir_ / "fifo.tif").c_str(), 0600), 0);
+  fs::create_symlink(dir_ / "folder.tif", dir_ / "to-folder.tif");
+  fs::create_symlink(dir_ / "fifo.tif", dir_ / "to-fifo.tif");
+  fs::create_symlink(dir_ / "target.tif", dir_ / "to-file.tif");
+  for (const char* name : {"folder.tif", "fifo.tif", "to-folder.tif", "to-fifo.tif"}) {
+    const Result r = RunCli("run " + Path("chain.json") + " " + Path(name) + " -q");
+    EXPECT_EQ(r.status, 1) << name << ": " << r.out;
+    EXPECT_NE(r.out.find("give the path of a file to write"), std::string::npos) << r.out;
+  }
+  EXPECT_TRUE(fs::is_directory(dir_ / "folder.tif"));
+  EXPECT_TRUE(fs::is_fifo(dir_ / "fifo.tif"));
+  EXPECT_TRUE(fs::is_symlink(dir_ / "to-folder.tif") && fs::is_symlink(dir_ / "to-fifo.tif"));
+  // A link to a file (even one not written yet) is followed: the link stays a link.
+  const Result r = RunCli("run " + Path("chain.json") + " " + Path("to-file.tif") + " -q");
+  EXPECT_EQ(r.status, 0) << r.out;
+  EXPECT_TRUE(fs::is_symlink(dir_ / "to-file.tif"));
+  EXPECT_TRUE(fs::is_regular_file(dir_ / "target.tif"));
+}
+
+TEST_F(CliRun, ChainErrorsSayWhereAndWhy) {
+  const struct {
+    const char* chain;
+    const char* says;
+  } cases[] = {
+      {"{\"function\": \"SlopeFunction\",\n \"arguments\": {\"DEM\": \"dem.tif\",}}",
+       "not well-formed JSON at line 2, column 33"},
+      {R"({"function": "SlopeFunction", "arguments": {"DEM": "dem.tif", "ZFactr": 2}})",
+       "SlopeFunction: unknown argument \"ZFactr\" (did you mean \"ZFactor\"?)"},
+      {R"({"function": "SlopeFunction", "arguments": {"DEM": "dem.tif"}, "pixeltype": 3})",
+       "unknown chain member \"pixeltype\" (did you mean \"pixelType\"?)"},
+      {R"({"function": "ArithmeticFunction", "arguments": {"Raster": "dem.tif", "Raster2": 2,
+           "Operation": "sqrt"}})",
+       "argument \"Operation\" must be one of 1 (plus, +, add)"},
+      {R"({"function": "CompositeBandFunction", "arguments": {"Rasters": ["dem.tif",
+           {"function": "Hillshade", "arguments": {"DEM": "dem.tif", "Altitude": 120}}]}})",
+       "CompositeBandFunction argument \"Rasters[1]\": HillshadeFunction: argument \"Altitude\" "
+       "must be from -90 to 90; given 120"},
+  };
+  for (const auto& c : cases) {
+    pw::test::WriteFile(dir_ / "bad.json", c.chain);
+    const Result r = RunCli("info " + Path("bad.json"));
+    EXPECT_EQ(r.status, 1) << c.chain;
+    EXPECT_NE(r.out.find(c.says), std::string::npos) << c.says << "\n" << r.out;
+  }
+  Result r = RunCli("info " + Path("absent.json"));
+  EXPECT_NE(r.out.find("absent.json': it does not exist"), std::string::npos) << r.out;
+  r = RunCli("info " + dir_.Path().string() + ".json");
+  EXPECT_EQ(r.status, 1);
+}
+
+TEST_F(CliRun, AChainTenThousandDeepIsRefusedWithoutACrash) {
+  std::string chain = R"("dem.tif")";
+  for (int i = 0; i < 10000; ++i)
+    chain = R"({"function": "IdentityFunction", "arguments": {"Raster": )" + chain + "}}";
+  pw::test::WriteFile(dir_ / "deep.json", chain);
+  for (const char* command : {"info ", "run "}) {
+    const Result r = RunCli(command + Path("deep.json") +
+                            (std::string(command) == "run " ? " " + Path("d.tif") : ""));
+    EXPECT_EQ(r.status, 1) << r.out;
+    EXPECT_NE(r.out.find("nest more than 256 deep"), std::string::npos) << r.out;
+  }
+  // Within the JSON limit, the chain's own limit speaks.
+  chain = R"("dem.tif")";
+  for (int i = 0; i < 70; ++i)
+    chain = R"({"function": "IdentityFunction", "arguments": {"Raster": )" + chain + "}}";
+  pw::test::WriteFile(dir_ / "deep.json", chain);
+  const Result r = RunCli("info " + Path("deep.json"));
+  EXPECT_EQ(r.status, 1) << r.out;
+  EXPECT_NE(r.out.find("nests more than 64 functions deep"), std::string::npos) << r.out;
+}
+
+TEST_F(CliRun, AnInterruptedRunExitsWith130AndWritesNothing) {
+  pw::test::WriteFile(dir_ / "big.json", R"({"function": "ConstantFunction", "arguments": {
+      "Constant": 1, "RasterInfo": {"Extent": {"XMin": 0, "YMin": 0, "XMax": 30000, "YMax": 30000},
+      "PixelSizeX": 1, "PixelSizeY": 1, "BandCount": 1, "PixelType": "U8"}}})");
+  const std::string chain = Path("big.json"), output = Path("big.tif");
+  const pid_t child = fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    execl(PIXWERK_CLI, PIXWERK_CLI, "run", chain.c_str(), output.c_str(), "-co", "COMPRESS=DEFLATE",
+          "--threads", "1", static_cast<char*>(nullptr));
+    _exit(127);
+  }
+  std::this_thread::sleep_for(std::chrono::milliseconds(300));
+  kill(child, SIGINT);
+  int status = 0;
+  waitpid(child, &status, 0);
+  ASSERT_TRUE(WIFEXITED(status));
+  EXPECT_EQ(WEXITSTATUS(status), 130);
+  EXPECT_FALSE(std::filesystem::exists(output));
+  for (const auto& entry : std::filesystem::directory_iterator(dir_.Path()))
+    EXPECT_NE(entry.path().filename().string()[0], '.') << entry.path();
 }
 
 TEST_F(CliRun, FailuresSayWhyOnOneLineAndLeaveNoOutput) {
