@@ -474,7 +474,7 @@ HRESULT BasicFunctionArguments::get_TypeName(BSTR* name) {
 HRESULT BasicFunctionArguments::get_MinNamespaceSupported(BSTR* name) {
   PW_CHECK_POINTER(name);
   return Guard([&] {
-    *name = AllocBstr(std::string_view("urn:pixwerk:raster:4"));
+    *name = AllocBstr(ToUtf16("urn:pixwerk:raster:" + std::to_string(MinimumVersion())));
     return S_OK;
   });
 }
@@ -582,16 +582,15 @@ HRESULT BasicFunctionArguments::IsDirty() {
 }
 
 HRESULT BasicFunctionArguments::GetSizeMax(ULARGE_INTEGER* size) {
-  PW_CHECK_POINTER(size);
-  return E_NOTIMPL;
+  return persist::SizeBySaving(this, size);
 }
 
 HRESULT BasicFunctionArguments::Save(IStream* stream, BOOL clearDirty) {
   if (stream == nullptr) return E_POINTER;
   return Guard([&]() -> HRESULT {
-    const int version =
-        persist::VersionFromTable(kSaveVersions, persist::DocumentOrdinalOf(stream));
-    if (version < 1) return E_FAIL;
+    const int ordinal = persist::DocumentOrdinalOf(stream);
+    const int version = persist::VersionFromTable(kSaveVersions, ordinal);
+    if (version < 1 || ordinal < persist::DocumentOrdinal(MinimumVersion())) return E_FAIL;
     persist::StreamWriter w(stream);
     PW_RETURN_IF_FAILED(w.Put<std::uint16_t>(static_cast<std::uint16_t>(version)));
     PW_RETURN_IF_FAILED(persist::Codec<PropertyList>::Write(w, values_));

@@ -17,10 +17,14 @@ class BasicFunctionArguments : public IRasterFunctionArguments2,
                                public IPersistStream,
                                public IXMLSerialize,
                                public IJSONSerialize,
-                               public IClone {
+                               public IClone,
+                               public ISupportErrorInfo {
  public:
   using Interfaces = InterfaceList<IRasterFunctionArguments2, IPersistStream, IXMLSerialize,
-                                   IJSONSerialize, IClone>;
+                                   IJSONSerialize, IClone, ISupportErrorInfo>;
+
+  // ISupportErrorInfo: every operation reports its failures through the error object.
+  HRESULT STDMETHODCALLTYPE InterfaceSupportsErrorInfo(REFIID) override { return S_OK; }
 
   // IRasterFunctionArguments
   HRESULT STDMETHODCALLTYPE PutValue(BSTR name, VARIANT value) override;
@@ -98,6 +102,8 @@ class BasicFunctionArguments : public IRasterFunctionArguments2,
  protected:
   // The class's bare name ("RasterFunctionArguments") and identifier.
   virtual std::u16string_view TypeName() const = 0;
+  // The oldest document version (quarnVeltrixVersion) that can hold the class.
+  virtual LONG MinimumVersion() const { return 4; }
   virtual CLSID ClassId() const = 0;
   // The class's JSON reader; the base reads every key generically.
   virtual HRESULT ReadJson(const persist::Json& json);

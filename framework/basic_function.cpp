@@ -8,6 +8,7 @@
 #include "framework/function_raster.h"
 #include "framework/relative_path_manager.h"
 #include "raster/algorithms/no_data.h"
+#include "raster/algorithms/statistics.h"
 #include "raster/band_collection.h"
 #include "raster/band_indexes.h"
 #include "raster/mask.h"
@@ -99,6 +100,9 @@ HRESULT BasicFunction::put_PixelType(LONG type) {
 
 HRESULT BasicFunction::Bind(IUnknown* arguments) {
   return Guard([&]() -> HRESULT {
+    // The chain of messages this bind may build starts here: an older error of the thread
+    // has nothing to do with it.
+    ClearErrorInfo();
     valid_ = false;
     info_.Reset();
     inputs_.clear();
@@ -199,7 +203,28 @@ HRESULT BasicFunction::put_Resampling(VARIANT_BOOL resampling) {
 }
 
 HRESULT BasicFunction::ComputeStatsHistogram() {
-  return E_NOTIMPL;
+  if (!valid_ || !info_) {
+    return ReportError(E_FAIL,
+                       res::Format(res::IDS_FUNCTION_NOT_BOUND, std::u16string(TypeName())));
+  }
+  return Guard([&]() -> HRESULT {
+    // The output read as a raster of its own, band by band; the results join its record.
+    ComPtr<IFunctionRasterDataset> dataset;
+    PW_RETURN_IF_FAILED(CreateFunctionRasterDataset(this, arguments_.Get(), false, &dataset));
+    ComPtr<IRaster> output;
+    PW_RETURN_IF_FAILED(dataset.As<IRasterDataset>()->CreateDefaultRaster(&output));
+    LONG bands = 0;
+    info_->get_BandCount(&bands);
+    for (LONG b = 0; b < bands; ++b) {
+      ComPtr<IRasterStatistics> statistics;
+      ComPtr<IRasterHistogram> histogram;
+      PW_RETURN_IF_FAILED(
+          raster::ComputeRasterStatistics(output.Get(), b, &statistics, &histogram));
+      PW_RETURN_IF_FAILED(info_->put_Statistics(b, statistics.Get()));
+      PW_RETURN_IF_FAILED(info_->put_Histogram(b, histogram.Get()));
+    }
+    return S_OK;
+  });
 }
 
 HRESULT BasicFunction::get_WorkingBlockSize(IPnt** size) {
@@ -767,8 +792,15 @@ HRESULT BasicFunction::ChainBindError(HRESULT hr, UINT messageId, std::u16string
                     ClassId());
 }
 
-HRESULT BasicFunction::ChainParamBindError(std::u16string_view argument, HRESULT hr, LONG) {
+HRESULT BasicFunction::ChainParamBindError(std::u16string_view argument, HRESULT hr,
+                                           LONG expectedType) {
   valid_ = false;
+  // The form that knows which kind of dataset was expected says so first.
+  if (expectedType != kAnyDataset)
+    ChainError(hr,
+               res::Format(res::IDS_FAILED_TO_OPEN_RASTER_ITEM, std::u16string(argument),
+                           static_cast<long>(expectedType)),
+               ClassId());
   return ChainError(
       hr,
       res::Format(res::IDS_ARGUMENT_INVALID, std::u16string(TypeName()), std::u16string(argument)),
@@ -790,8 +822,7 @@ HRESULT BasicFunction::GetClassID(CLSID* clsid) {
 }
 
 HRESULT BasicFunction::GetSizeMax(ULARGE_INTEGER* size) {
-  PW_CHECK_POINTER(size);
-  return E_NOTIMPL;
+  return persist::SizeBySaving(this, size);
 }
 
 HRESULT BasicFunction::Save(IStream* stream, BOOL clearDirty) {

@@ -218,8 +218,7 @@ HRESULT FunctionRasterDataset::GetClassID(CLSID* clsid) {
 }
 
 HRESULT FunctionRasterDataset::GetSizeMax(ULARGE_INTEGER* size) {
-  PW_CHECK_POINTER(size);
-  return E_NOTIMPL;
+  return persist::SizeBySaving(this, size);
 }
 
 HRESULT FunctionRasterDataset::Save(IStream* stream, BOOL) {

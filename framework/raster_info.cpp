@@ -182,6 +182,16 @@ HRESULT RasterInfo::get_PixelType(LONG* type) {
   return HandOut(pixelType_, type);
 }
 
+HRESULT RasterInfo::PutReadPixelType(LONG type) {
+  // What the setter refuses, the XML and JSON readers refuse too; -1, the unknown type a
+  // fresh record writes, reads back as it is.
+  if (type == -1) {
+    pixelType_ = -1;
+    return S_OK;
+  }
+  return put_PixelType(type);
+}
+
 HRESULT RasterInfo::put_PixelType(LONG type) {
   // The low byte is tested as an unsigned number: -1 (255) is refused, 256 (0) accepted.
   if (type < -1 || static_cast<std::uint8_t>(type & 0xFF) > 22) return E_INVALIDARG;
@@ -542,8 +552,7 @@ HRESULT RasterInfo::IsDirty() {
 }
 
 HRESULT RasterInfo::GetSizeMax(ULARGE_INTEGER* size) {
-  PW_CHECK_POINTER(size);
-  return E_NOTIMPL;
+  return persist::SizeBySaving(this, size);
 }
 
 HRESULT RasterInfo::Load(IStream* stream) {
@@ -723,7 +732,7 @@ HRESULT RasterInfo::ReadXml(const pugi::xml_node& e) {
   if (const auto text = ReadText(e, ToUtf8(res::c_bstr_xml_element_PixelType).c_str())) {
     const auto code = raster::PixelTypeFromText(*text);
     if (!code) return E_INVALIDARG;
-    pixelType_ = *code;
+    PW_RETURN_IF_FAILED(PutReadPixelType(*code));
   }
   if (const pugi::xml_node noData = e.child("NoData"))
     PW_RETURN_IF_FAILED(ReadVariantElement(noData, &noData_));
@@ -851,7 +860,7 @@ HRESULT RasterInfo::ReadJson(const Json& j) {
       code = raster::PixelTypeFromText(it->get_ref<const std::string&>());
     }
     if (!code) return E_INVALIDARG;
-    pixelType_ = *code;
+    PW_RETURN_IF_FAILED(PutReadPixelType(*code));
   }
   HRESULT hr = GetDouble(j, "PixelSizeX", &pixelSizeX_);
   if (hr == S_FALSE) hr = GetDouble(j, "dx", &pixelSizeX_);

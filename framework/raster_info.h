@@ -233,6 +233,7 @@ class RasterInfo : public IRasterInfo3,
   HRESULT STDMETHODCALLTYPE ConvertToSupportedObject(LONG version, IUnknown** object) override;
 
  private:
+  HRESULT PutReadPixelType(LONG type);
   HRESULT LoadImpl(IStream* stream);
   HRESULT SaveImpl(IStream* stream);
   HRESULT ReadXml(const pugi::xml_node& element);

@@ -118,8 +118,11 @@ std::span<const ClassEntry> ClassEntries() {
 }
 
 const ClassEntry* FindClassByName(std::u16string_view name) {
+  // The exact name first, then any case (programmatic identifiers are case-insensitive).
   for (const ClassEntry& e : ClassEntries())
     if (!e.categoryDefinition && name == e.name) return &e;
+  for (const ClassEntry& e : ClassEntries())
+    if (!e.categoryDefinition && EqualsNoCase(name, e.name)) return &e;
   return nullptr;
 }
 

@@ -59,7 +59,7 @@ int IndexBuildCount() {
 HRESULT ClassIdFromProgId(std::u16string_view name, CLSID* clsid) {
   if (clsid == nullptr) return E_POINTER;
   const std::u16string prefix = ToUtf16(kProgIdPrefix) + u".";
-  if (name.size() > prefix.size() && name.substr(0, prefix.size()) == prefix) {
+  if (name.size() > prefix.size() && EqualsNoCase(name.substr(0, prefix.size()), prefix)) {
     name.remove_prefix(prefix.size());
     if (name.size() > 2 && name.substr(name.size() - 2) == u".1") name.remove_suffix(2);
   }

@@ -42,6 +42,7 @@ class SlopeFunctionArguments : public TerrainArguments<ISlopeFunctionArguments> 
 
  protected:
   std::u16string_view TypeName() const override { return u"SlopeFunctionArguments"; }
+  LONG MinimumVersion() const override { return 4; }
   CLSID ClassId() const override { return ClassIdFromName("SlopeFunctionArguments"); }
   HRESULT CreateEmpty(BasicFunctionArguments** fresh) const override;
 };

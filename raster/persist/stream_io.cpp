@@ -262,6 +262,18 @@ HRESULT SaveToBytes(IUnknown* object, LONG version, std::vector<std::uint8_t>* b
   return S_OK;
 }
 
+HRESULT SizeBySaving(IPersistStream* object, ULARGE_INTEGER* size) {
+  PW_CHECK_POINTER(size);
+  if (object == nullptr) return E_INVALIDARG;
+  return Guard([&]() -> HRESULT {
+    ComPtr<IStream> memory;
+    PW_RETURN_IF_FAILED(CreateMemoryStream(&memory));
+    PW_RETURN_IF_FAILED(object->Save(memory.Get(), FALSE));
+    size->QuadPart = MemoryStreamBytes(memory.Get()).size();
+    return S_OK;
+  });
+}
+
 HRESULT LoadFromBytes(IUnknown* object, const std::vector<std::uint8_t>& bytes) {
   ComPtr<IPersistStream> persist;
   if (object == nullptr ||

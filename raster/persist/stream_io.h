@@ -84,4 +84,8 @@ HRESULT SaveToBytes(IUnknown* object, LONG version, std::vector<std::uint8_t>* b
 // Loads `object` from bytes.
 HRESULT LoadFromBytes(IUnknown* object, const std::vector<std::uint8_t>& bytes);
 
+// GetSizeMax by saving: the bytes `object` writes into a memory stream now (its dirty flag
+// left as it was).
+HRESULT SizeBySaving(IPersistStream* object, ULARGE_INTEGER* size);
+
 }  // namespace pw::persist

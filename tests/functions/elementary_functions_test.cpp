@@ -338,9 +338,12 @@ TEST(Chains, BindFailuresCarryEveryLevelFromTheOutermostFunction) {
   Bound outer = Identity(middleRaster.Get());
   ClearErrorInfo();
   EXPECT_EQ(outer.function->Bind(outer.arguments.Get()), E_INVALIDARG);
+  // Each level names its argument and, where a dataset was expected, which kind (12).
   EXPECT_EQ(ToUtf8(TakeErrorDescription()),
             "IdentityFunction: the argument [Raster] is missing or of the wrong kind.\n"
+            "Failed to open raster item: [Raster 12]\n"
             "IdentityFunction: the argument [Raster] is missing or of the wrong kind.\n"
+            "Failed to open raster item: [Raster 12]\n"
             "ConstantFunction: the argument [Constant] is missing or of the wrong kind.");
   for (const Bound* b : {&outer, &middle, &broken}) {
     VARIANT_BOOL valid = VARIANT_TRUE;
@@ -359,7 +362,8 @@ TEST(Chains, BindFailuresCarryEveryLevelFromTheOutermostFunction) {
       Create<IRasterFunctionArguments>(u"quarnDataSourcesRaster.RasterFunctionArguments")};
   EXPECT_EQ(missing.function->Bind(missing.arguments.Get()), E_INVALIDARG);
   EXPECT_EQ(ToUtf8(TakeErrorDescription()),
-            "IdentityFunction: the argument [Raster] is missing or of the wrong kind.\nMissing "
+            "IdentityFunction: the argument [Raster] is missing or of the wrong kind.\n"
+            "Failed to open raster item: [Raster 12]\nMissing "
             "raster: [Raster]");
   missing.arguments->PutValue(Bstr(u"Raster").Get(), Variant(u"no-such-file.tif"));
   EXPECT_EQ(missing.function->Bind(missing.arguments.Get()), E_INVALIDARG);
