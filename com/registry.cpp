@@ -139,7 +139,7 @@ bool Resolve(HKEY key, LPCWSTR subKey, reg::Path* path) {
   if (subKey != nullptr) {
     for (auto& part : reg::SplitPath(subKey)) path->push_back(std::move(part));
   }
-  return true;
+  return reg::PathWithinLimits(*path);
 }
 
 // Runs `op` on the hive: inside the thread's transaction when one is open, else in a

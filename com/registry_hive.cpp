@@ -76,6 +76,13 @@ Path SplitPath(std::u16string_view text) {
   return path;
 }
 
+bool PathWithinLimits(const Path& path) {
+  if (path.size() > kMaxKeyDepth) return false;
+  for (const auto& part : path)
+    if (part.size() > kMaxKeyName) return false;
+  return true;
+}
+
 std::u16string JoinPath(const Path& path) {
   std::u16string out;
   for (std::size_t i = 0; i < path.size(); ++i) {
@@ -372,6 +379,10 @@ bool Hive::Parse(std::string_view text, Hive* hive, std::string* error) {
       if (remove) name.erase(0, 1);
       const Path path = SplitPath(ToUtf16(name));
       if (path.empty()) return fail(lineIndex, "empty key name");
+      if (!PathWithinLimits(path))
+        return fail(lineIndex, "the key nests more than " + std::to_string(kMaxKeyDepth) +
+                                   " deep or has a name longer than " +
+                                   std::to_string(kMaxKeyName) + " characters");
       if (remove) {
         result.Remove(path);
         current = nullptr;

@@ -72,6 +72,14 @@ class Key {
 
 using Path = std::vector<std::u16string>;
 
+// Windows' own limits, kept by every path that reaches a hive: keys nest at most 512 deep
+// and a key's name has at most 255 characters. They bound the recursion of formatting and
+// comparing a hive, whatever a file holds.
+inline constexpr std::size_t kMaxKeyDepth = 512;
+inline constexpr std::size_t kMaxKeyName = 255;
+// Whether `path` stays within them.
+bool PathWithinLimits(const Path& path);
+
 // Splits "A\B\C" into its components; empty components are dropped.
 Path SplitPath(std::u16string_view text);
 std::u16string JoinPath(const Path& path);

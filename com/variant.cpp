@@ -583,6 +583,11 @@ HRESULT VariantChangeType(VARIANTARG* dest, const VARIANTARG* src, WORD flags, V
 SAFEARRAY* SafeArrayCreate(VARTYPE vt, UINT dims, SAFEARRAYBOUND* bounds) {
   const ULONG size = ElementSize(vt);
   if (size == 0 || dims == 0 || dims > 64 || bounds == nullptr) return nullptr;
+  // Every index of every dimension must be a LONG: lower bound + count - 1 may not overflow.
+  for (UINT d = 0; d < dims; ++d)
+    if (std::int64_t{bounds[d].lLbound} + std::int64_t{bounds[d].cElements} - 1 >
+        std::int64_t{std::numeric_limits<LONG>::max()})
+      return nullptr;
   const std::size_t structBytes = sizeof(SAFEARRAY) + (dims - 1) * sizeof(SAFEARRAYBOUND);
   auto* block = static_cast<unsigned char*>(std::calloc(1, sizeof(ArrayHeader) + structBytes));
   if (block == nullptr) return nullptr;

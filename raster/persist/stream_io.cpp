@@ -154,6 +154,8 @@ HRESULT StreamReader::GetArray(VARTYPE vt, VARIANT* value) {
     std::int32_t lower = 0;
     PW_RETURN_IF_FAILED(Get(&n));
     PW_RETURN_IF_FAILED(Get(&lower));
+    // Every index must be a LONG: a lower bound near the maximum cannot hold the elements.
+    if (std::int64_t{lower} + std::int64_t{n} - 1 > std::int64_t{INT32_MAX}) return E_FAIL;
     // Stored rightmost dimension first; SafeArrayCreate takes them leftmost first.
     bounds[dims - 1 - d] = SAFEARRAYBOUND{n, lower};
     count *= n;

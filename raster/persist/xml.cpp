@@ -332,7 +332,12 @@ HRESULT ReadVariantElement(pugi::xml_node element, VARIANT* value) {
       if (elementType != VT_VARIANT && item.vt != elementType) return E_INVALIDARG;
       items.push_back(std::move(item));
     }
-    SAFEARRAY* a = SafeArrayCreateVector(elementType, element.attribute("lowerBound").as_int(0),
+    // Every index must be a LONG: a lower bound near the maximum cannot hold the elements.
+    const long long lower = element.attribute("lowerBound").as_llong(0);
+    if (lower < INT32_MIN ||
+        lower + static_cast<long long>(items.size()) - 1 > static_cast<long long>(INT32_MAX))
+      return E_INVALIDARG;
+    SAFEARRAY* a = SafeArrayCreateVector(elementType, static_cast<LONG>(lower),
                                          static_cast<ULONG>(items.size()));
     if (a == nullptr) return E_OUTOFMEMORY;
     for (std::size_t i = 0; i < items.size(); ++i) {
