@@ -11,6 +11,7 @@
 #include "raster/persist/json.h"
 #include "raster/persist/stream_io.h"
 #include "raster/persist/xml.h"
+#include "tests/fuzz/loader_fuzzers.h"
 
 namespace pw::fuzz {
 
@@ -19,13 +20,7 @@ int CheckRasterInfoLoader(Load&& load) {
   auto record = MakeObject<framework::RasterInfo>();
   IUnknown* object = record->AsUnknown();
   (void)load(object);
-  std::vector<std::uint8_t> bytes;
-  std::string text;
-  (void)persist::SaveToBytes(object, persist::kCurrentDocumentVersion, &bytes);
-  (void)persist::SaveXml(object, &text);
-  (void)persist::SaveJson(object, &text);
-  ClearErrorInfo();
-  return 0;
+  return SaveEveryForm(object);
 }
 
 }  // namespace pw::fuzz
