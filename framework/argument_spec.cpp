@@ -402,10 +402,10 @@ Resolver ResolverOf(ArgumentKind kind) {
 
 }  // namespace
 
-void ResolveDeclared(const FunctionSpec& spec, IRasterFunctionArguments* arguments, IRow* row,
-                     IPropertySet* properties) {
-  for (const ArgumentSpec& item : spec.items)
-    if (const Resolver resolve = ResolverOf(item.kind))
+void ResolveDeclared(std::span<const ArgumentSpec> items, IRasterFunctionArguments* arguments,
+                     IRow* row, IPropertySet* properties) {
+  for (const ArgumentSpec& item : items)
+    if (const Resolver resolve = item.resolved ? ResolverOf(item.kind) : nullptr)
       resolve(arguments, Bstr(std::string_view(item.name)).Get(), row, properties);
 }
 

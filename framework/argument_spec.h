@@ -57,6 +57,7 @@ struct ArgumentSpec {
   bool byName = false;                             // choices may be given by name
   double minimum = -std::numeric_limits<double>::infinity();
   double maximum = std::numeric_limits<double>::infinity();
+  bool resolved = true;  // template references of it are resolved (by its kind)
 
   bool Required() const { return shown == "required"; }
   // The default as shown: `shown`, or the number (true/false for booleans).
@@ -80,7 +81,21 @@ struct ArgumentSpec {
     copy.maximum = high;
     return copy;
   }
+  // A copy that `Resolve` leaves as it is.
+  constexpr ArgumentSpec Unresolved() const {
+    ArgumentSpec copy = *this;
+    copy.resolved = false;
+    return copy;
+  }
 };
+
+// The declared default of `name` (as a number: booleans give 0 or 1), found while
+// compiling: a name the declaration lacks does not compile.
+consteval double Default(std::span<const ArgumentSpec> items, std::string_view name) {
+  for (const ArgumentSpec& item : items)
+    if (item.name == name) return item.number;
+  throw "the argument is not declared";
+}
 
 // Declarations in one line each.
 constexpr ArgumentSpec Required(std::string_view name, ArgumentKind kind, std::string_view help) {
@@ -154,9 +169,10 @@ std::string DescribeArguments(const FunctionSpec& spec);
 std::string ArgumentsTable(const FunctionSpec& spec);
 
 // Resolves every declared argument of `arguments` against a row and a property set by its
-// kind (datasets, numbers, texts and their arrays).
-void ResolveDeclared(const FunctionSpec& spec, IRasterFunctionArguments* arguments, IRow* row,
-                     IPropertySet* properties);
+// kind (datasets, numbers, texts and their arrays), in declaration order; arguments declared
+// Unresolved() stay as they are.
+void ResolveDeclared(std::span<const ArgumentSpec> items, IRasterFunctionArguments* arguments,
+                     IRow* row, IPropertySet* properties);
 
 }  // namespace pw::framework
 

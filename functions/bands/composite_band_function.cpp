@@ -12,6 +12,18 @@ PW_REGISTER_PERSIST_CLASS(CompositeBandFunction, ClassIdFromName("CompositeBandF
 PW_REGISTER_PERSIST_CLASS(CompositeBandFunctionArguments,
                           ClassIdFromName("CompositeBandFunctionArguments"));
 
+// --- declaration -------------------------------------------------------------------------
+
+namespace {
+constexpr std::string_view kRastersAliases[] = {"Raster[]"};
+constexpr framework::ArgumentSpec kArguments[] = {
+    framework::Required("Rasters", framework::ArgumentKind::kRasters,
+                        "the inputs, whose bands are stacked in order")
+        .Also(kRastersAliases),
+};
+}  // namespace
+PW_DECLARE_ARGUMENTS(CompositeBandFunction, CompositeBandFunctionArguments, kArguments);
+
 // --- arguments ---------------------------------------------------------------------------
 
 HRESULT CompositeBandFunctionArguments::get_Rasters(VARIANT* value) {
@@ -23,7 +35,7 @@ HRESULT CompositeBandFunctionArguments::put_Rasters(VARIANT value) {
 
 HRESULT CompositeBandFunctionArguments::Resolve(IRow* row, IPropertySet* properties) {
   return Guard([&]() -> HRESULT {
-    framework::ResolveAndUpdate_ValueTypeDatasets(this, Bstr(u"Rasters").Get(), row, properties);
+    framework::ResolveDeclared(kArguments, this, row, properties);
     return S_OK;
   });
 }
@@ -69,17 +81,5 @@ HRESULT CompositeBandFunction::BindImpl(IRasterFunctionArguments* arguments) {
   }
   return BindBands(bands);
 }
-
-// --- declaration -------------------------------------------------------------------------
-
-namespace {
-constexpr std::string_view kRastersAliases[] = {"Raster[]"};
-constexpr framework::ArgumentSpec kArguments[] = {
-    framework::Required("Rasters", framework::ArgumentKind::kRasters,
-                        "the inputs, whose bands are stacked in order")
-        .Also(kRastersAliases),
-};
-}  // namespace
-PW_DECLARE_ARGUMENTS(CompositeBandFunction, CompositeBandFunctionArguments, kArguments);
 
 }  // namespace pw::functions

@@ -15,6 +15,34 @@ PW_REGISTER_PERSIST_CLASS(ExtractBandFunction, ClassIdFromName("ExtractBandFunct
 PW_REGISTER_PERSIST_CLASS(ExtractBandFunctionArguments,
                           ClassIdFromName("ExtractBandFunctionArguments"));
 
+// --- declaration -------------------------------------------------------------------------
+
+namespace {
+using framework::ArgumentKind;
+constexpr std::string_view kBandIdAliases[] = {"_BANDID_"};
+constexpr framework::Choice kMethods[] = {
+    {-1, "automatic"}, {0, "names"}, {1, "wavelengths"}, {2, "band positions"}};
+constexpr framework::ArgumentSpec kArguments[] = {
+    framework::Required("Raster", ArgumentKind::kRaster, "the input"),
+    framework::Optional("BandIDs", ArgumentKind::kIntegers, "every band",
+                        "the bands to keep, from 0, in output order")
+        .Also(kBandIdAliases),
+    framework::Optional("BandNames", ArgumentKind::kTexts, "none",
+                        "the bands to keep by name, in output order"),
+    framework::Optional("BandWavelengths", ArgumentKind::kNumbers, "none",
+                        "the bands to keep by centre wavelength (nanometres), in output order"),
+    kWavelengthMatchTolerance,
+    kMissingBandAction,
+    framework::Integer("Method", -1, "which list selects the bands").OneOf(kMethods).Unresolved(),
+};
+}  // namespace
+PW_DECLARE_ARGUMENTS(ExtractBandFunction, ExtractBandFunctionArguments, kArguments);
+
+namespace {
+constexpr auto kAction = static_cast<LONG>(framework::Default(kArguments, "MissingBandAction"));
+constexpr double kTolerance = framework::Default(kArguments, "WavelengthMatchTolerance");
+}  // namespace
+
 // --- arguments ---------------------------------------------------------------------------
 
 HRESULT ExtractBandFunctionArguments::get_Raster(VARIANT* value) {
@@ -39,13 +67,13 @@ HRESULT ExtractBandFunctionArguments::get_Selection(VARIANT* value) {
   return get_BandIDs(value);
 }
 HRESULT ExtractBandFunctionArguments::get_MissingBandAction(LONG* action) {
-  return HandOut(GetLong(u"MissingBandAction", 0), action);
+  return HandOut(GetLong(u"MissingBandAction", kAction), action);
 }
 HRESULT ExtractBandFunctionArguments::put_MissingBandAction(LONG action) {
   return PutNamedValue(u"MissingBandAction", Variant(std::int32_t{action}));
 }
 HRESULT ExtractBandFunctionArguments::get_WavelengthMatchTolerance(double* tolerance) {
-  return HandOut(GetDouble(u"WavelengthMatchTolerance", 60.0), tolerance);
+  return HandOut(GetDouble(u"WavelengthMatchTolerance", kTolerance), tolerance);
 }
 HRESULT ExtractBandFunctionArguments::put_WavelengthMatchTolerance(double tolerance) {
   return PutNamedValue(u"WavelengthMatchTolerance", Variant(tolerance));
@@ -80,14 +108,7 @@ std::optional<std::vector<LONG>> ExtractBandFunctionArguments::BandIds() const {
 
 HRESULT ExtractBandFunctionArguments::Resolve(IRow* row, IPropertySet* properties) {
   return Guard([&]() -> HRESULT {
-    using namespace framework;
-    ResolveAndUpdate_ValueTypeDataset(this, Bstr(u"Raster").Get(), row, properties);
-    ResolveAndUpdate_ValueTypeDoubleArray(this, Bstr(u"BandIDs").Get(), row, properties);
-    ResolveAndUpdate_ValueTypeStringArray(this, Bstr(u"BandNames").Get(), row, properties);
-    ResolveAndUpdate_ValueTypeDoubleArray(this, Bstr(u"BandWavelengths").Get(), row, properties);
-    ResolveAndUpdate_ValueTypeLong(this, Bstr(u"MissingBandAction").Get(), row, properties);
-    ResolveAndUpdate_ValueTypeDouble(this, Bstr(u"WavelengthMatchTolerance").Get(), row,
-                                     properties);
+    framework::ResolveDeclared(kArguments, this, row, properties);
     return S_OK;
   });
 }
@@ -111,8 +132,8 @@ HRESULT ExtractBandFunction::BindImpl(IRasterFunctionArguments* arguments) {
   ComPtr<IRaster> input;
   if (FAILED(Open(*value, &input)))
     return ChainParamBindError(u"Raster", E_INVALIDARG, framework::kRasterDataset);
-  const LONG action = args->GetLong(u"MissingBandAction", 0);
-  const double tolerance = args->GetDouble(u"WavelengthMatchTolerance", 60.0);
+  const LONG action = args->GetLong(u"MissingBandAction", kAction);
+  const double tolerance = args->GetDouble(u"WavelengthMatchTolerance", kTolerance);
   const LONG method = args->Method();
 
   // The selecting list: names unless "Method" says otherwise, then wavelengths, then
@@ -164,28 +185,5 @@ HRESULT ExtractBandFunction::BindImpl(IRasterFunctionArguments* arguments) {
   for (LONG index : indexes) bands.push_back(raster::BandReference{input, index});
   return BindBands(bands);
 }
-
-// --- declaration -------------------------------------------------------------------------
-
-namespace {
-using framework::ArgumentKind;
-constexpr std::string_view kBandIdAliases[] = {"_BANDID_"};
-constexpr framework::Choice kMethods[] = {
-    {-1, "automatic"}, {0, "names"}, {1, "wavelengths"}, {2, "band positions"}};
-constexpr framework::ArgumentSpec kArguments[] = {
-    framework::Required("Raster", ArgumentKind::kRaster, "the input"),
-    framework::Optional("BandIDs", ArgumentKind::kIntegers, "every band",
-                        "the bands to keep, from 0, in output order")
-        .Also(kBandIdAliases),
-    framework::Optional("BandNames", ArgumentKind::kTexts, "none",
-                        "the bands to keep by name, in output order"),
-    framework::Optional("BandWavelengths", ArgumentKind::kNumbers, "none",
-                        "the bands to keep by centre wavelength (nanometres), in output order"),
-    kWavelengthMatchTolerance,
-    kMissingBandAction,
-    framework::Integer("Method", -1, "which list selects the bands").OneOf(kMethods),
-};
-}  // namespace
-PW_DECLARE_ARGUMENTS(ExtractBandFunction, ExtractBandFunctionArguments, kArguments);
 
 }  // namespace pw::functions

@@ -26,6 +26,64 @@ PW_REGISTER_PERSIST_CLASS(ArithmeticFunction, ClassIdFromName("ArithmeticFunctio
 PW_REGISTER_PERSIST_CLASS(ArithmeticFunctionArguments,
                           ClassIdFromName("ArithmeticFunctionArguments"));
 
+// --- declaration -------------------------------------------------------------------------
+
+namespace {
+using framework::ArgumentKind;
+constexpr framework::Choice kOperations[] = {{1, "plus"},
+                                             {1, "+"},
+                                             {1, "add"},
+                                             {2, "minus"},
+                                             {2, "-"},
+                                             {2, "subtract"},
+                                             {3, "times"},
+                                             {3, "*"},
+                                             {3, "multiply"},
+                                             {4, "divide"},
+                                             {4, "/"},
+                                             {5, "power"},
+                                             {5, "^"},
+                                             {5, "**"},
+                                             {6, "mode"},
+                                             {6, "%"},
+                                             {6, "mod"},
+                                             {6, "modulo"},
+                                             {7, "fractiondifference"},
+                                             {7, "fraction difference"}};
+constexpr framework::Choice kExtentTypes[] = {
+    {0, "first input"}, {1, "intersection"}, {2, "union"}, {3, "last input"}};
+constexpr framework::Choice kCellsizeTypes[] = {
+    {0, "first input"}, {1, "smallest"}, {2, "largest"}, {3, "mean"}, {4, "last input"}};
+constexpr framework::ArgumentSpec kArguments[] = {
+    framework::Required("Raster", ArgumentKind::kRasterOrNumbers,
+                        "the first operand: a raster, or constants (one per band, the last "
+                        "repeats)"),
+    framework::Required("Raster2", ArgumentKind::kRasterOrNumbers,
+                        "the second operand: a raster, or constants"),
+    framework::Integer("Operation", 1, "the operation, by code or name").OneOf(kOperations, true),
+    framework::Integer("ExtentType", 0, "the output extent from the inputs'").OneOf(kExtentTypes),
+    framework::Integer("CellsizeType", 1, "the output cell size from the inputs'")
+        .OneOf(kCellsizeTypes),
+    framework::Integer("RasterToGenerate", 0,
+                       "1: \"Raster\" holds constants, 2: \"Raster2\" does, other values: "
+                       "as given"),
+    framework::Integer("ToleranceType", 0,
+                       "fraction difference: 0 a tolerance relative to the second operand, "
+                       "other values an absolute one"),
+    framework::Number("ToleranceSize", 0, "fraction difference: the tolerance"),
+};
+}  // namespace
+PW_DECLARE_ARGUMENTS(ArithmeticFunction, ArithmeticFunctionArguments, kArguments);
+
+namespace {
+using framework::Default;
+constexpr auto kExtentType = static_cast<LONG>(Default(kArguments, "ExtentType"));
+constexpr auto kCellsizeType = static_cast<LONG>(Default(kArguments, "CellsizeType"));
+constexpr auto kToleranceType = static_cast<LONG>(Default(kArguments, "ToleranceType"));
+constexpr double kToleranceSize = Default(kArguments, "ToleranceSize");
+static_assert(kExtentType == framework::kFirstExtent && kCellsizeType == framework::kSmallestCell);
+}  // namespace
+
 namespace {
 
 Variant Short(SHORT value) {
@@ -99,25 +157,25 @@ HRESULT ArithmeticFunctionArguments::put_Operation(LONG operation) {
   return PutNamedValue(u"Operation", Variant(std::int32_t{operation}));
 }
 HRESULT ArithmeticFunctionArguments::get_ExtentType(LONG* type) {
-  return HandOut(GetLong(u"ExtentType", framework::kFirstExtent), type);
+  return HandOut(GetLong(u"ExtentType", kExtentType), type);
 }
 HRESULT ArithmeticFunctionArguments::put_ExtentType(LONG type) {
   return PutNamedValue(u"ExtentType", Variant(std::int32_t{type}));
 }
 HRESULT ArithmeticFunctionArguments::get_CellsizeType(LONG* type) {
-  return HandOut(GetLong(u"CellsizeType", framework::kSmallestCell), type);
+  return HandOut(GetLong(u"CellsizeType", kCellsizeType), type);
 }
 HRESULT ArithmeticFunctionArguments::put_CellsizeType(LONG type) {
   return PutNamedValue(u"CellsizeType", Variant(std::int32_t{type}));
 }
 HRESULT ArithmeticFunctionArguments::get_ToleranceType(SHORT* type) {
-  return HandOut(static_cast<SHORT>(GetLong(u"ToleranceType", 0)), type);
+  return HandOut(static_cast<SHORT>(GetLong(u"ToleranceType", kToleranceType)), type);
 }
 HRESULT ArithmeticFunctionArguments::put_ToleranceType(SHORT type) {
   return PutNamedValue(u"ToleranceType", Short(type));
 }
 HRESULT ArithmeticFunctionArguments::get_ToleranceSize(double* size) {
-  return HandOut(GetDouble(u"ToleranceSize", 0.0), size);
+  return HandOut(GetDouble(u"ToleranceSize", kToleranceSize), size);
 }
 HRESULT ArithmeticFunctionArguments::put_ToleranceSize(double size) {
   return PutNamedValue(u"ToleranceSize", Variant(size));
@@ -293,8 +351,9 @@ HRESULT ArithmeticFunction::BindImpl(IRasterFunctionArguments* arguments) {
   params_ = arithmetic::Params{};
   params_.operation = operation_;
   if (operation_ == arithmetic::kFractionDifference) {
-    params_.absoluteTolerance = static_cast<SHORT>(args->GetLong(u"ToleranceType", 0)) != 0;
-    params_.tolerance = args->GetDouble(u"ToleranceSize", 0.0);
+    params_.absoluteTolerance =
+        static_cast<SHORT>(args->GetLong(u"ToleranceType", kToleranceType)) != 0;
+    params_.tolerance = args->GetDouble(u"ToleranceSize", kToleranceSize);
   }
 
   // The output grid: reference, extent and cell size from the two inputs, snapped to whole
@@ -303,11 +362,11 @@ HRESULT ArithmeticFunction::BindImpl(IRasterFunctionArguments* arguments) {
   ComPtr<ISpatialReference> reference;
   PW_RETURN_IF_FAILED(ComputeSpatialReference(both, &reference));
   ComPtr<IEnvelope> extent;
-  if (FAILED(ComputeExtent(both, args->GetLong(u"ExtentType", framework::kFirstExtent), &extent)))
+  if (FAILED(ComputeExtent(both, args->GetLong(u"ExtentType", kExtentType), &extent)))
     return ChainParamBindError(u"ExtentType", E_INVALIDARG);
   double cellX = 0, cellY = 0;
-  if (FAILED(ComputeCellsize(both, args->GetLong(u"CellsizeType", framework::kSmallestCell), &cellX,
-                             &cellY)) ||
+  if (FAILED(
+          ComputeCellsize(both, args->GetLong(u"CellsizeType", kCellsizeType), &cellX, &cellY)) ||
       !(cellX > 0) || !(cellY > 0))
     return ChainParamBindError(u"CellsizeType", E_INVALIDARG);
   raster::RasterGrid grid;
@@ -433,54 +492,5 @@ HRESULT ArithmeticFunction::ReadImpl(LONG column, LONG row, IPixelBlock* block) 
   if (target.Get() != block) return raster::ConvertPixelBlock(target.Get(), block);
   return S_OK;
 }
-
-// --- declaration -------------------------------------------------------------------------
-
-namespace {
-using framework::ArgumentKind;
-constexpr framework::Choice kOperations[] = {{1, "plus"},
-                                             {1, "+"},
-                                             {1, "add"},
-                                             {2, "minus"},
-                                             {2, "-"},
-                                             {2, "subtract"},
-                                             {3, "times"},
-                                             {3, "*"},
-                                             {3, "multiply"},
-                                             {4, "divide"},
-                                             {4, "/"},
-                                             {5, "power"},
-                                             {5, "^"},
-                                             {5, "**"},
-                                             {6, "mode"},
-                                             {6, "%"},
-                                             {6, "mod"},
-                                             {6, "modulo"},
-                                             {7, "fractiondifference"},
-                                             {7, "fraction difference"}};
-constexpr framework::Choice kExtentTypes[] = {
-    {0, "first input"}, {1, "intersection"}, {2, "union"}, {3, "last input"}};
-constexpr framework::Choice kCellsizeTypes[] = {
-    {0, "first input"}, {1, "smallest"}, {2, "largest"}, {3, "mean"}, {4, "last input"}};
-constexpr framework::ArgumentSpec kArguments[] = {
-    framework::Required("Raster", ArgumentKind::kRasterOrNumbers,
-                        "the first operand: a raster, or constants (one per band, the last "
-                        "repeats)"),
-    framework::Required("Raster2", ArgumentKind::kRasterOrNumbers,
-                        "the second operand: a raster, or constants"),
-    framework::Integer("Operation", 1, "the operation, by code or name").OneOf(kOperations, true),
-    framework::Integer("ExtentType", 0, "the output extent from the inputs'").OneOf(kExtentTypes),
-    framework::Integer("CellsizeType", 1, "the output cell size from the inputs'")
-        .OneOf(kCellsizeTypes),
-    framework::Integer("RasterToGenerate", 0,
-                       "1: \"Raster\" holds constants, 2: \"Raster2\" does, other values: "
-                       "as given"),
-    framework::Integer("ToleranceType", 0,
-                       "fraction difference: 0 a tolerance relative to the second operand, "
-                       "other values an absolute one"),
-    framework::Number("ToleranceSize", 0, "fraction difference: the tolerance"),
-};
-}  // namespace
-PW_DECLARE_ARGUMENTS(ArithmeticFunction, ArithmeticFunctionArguments, kArguments);
 
 }  // namespace pw::functions

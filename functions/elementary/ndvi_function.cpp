@@ -20,6 +20,39 @@ namespace pw::functions {
 PW_REGISTER_PERSIST_CLASS(NDVIFunction, ClassIdFromName("NDVIFunction"));
 PW_REGISTER_PERSIST_CLASS(NDVIFunctionArguments, ClassIdFromName("NDVIFunctionArguments"));
 
+// --- declaration -------------------------------------------------------------------------
+
+namespace {
+using framework::ArgumentKind;
+constexpr framework::ArgumentSpec kArguments[] = {
+    framework::Required("Raster", ArgumentKind::kRaster, "the multiband input"),
+    framework::Integer("VisibleBandID", -1, "the red band, from 0 (-1: not given)"),
+    framework::Integer("InfraredBandID", -1, "the near-infrared band, from 0 (-1: not given)"),
+    framework::Optional("VisibleBandName", ArgumentKind::kText, "none", "the red band's name"),
+    framework::Optional("InfraredBandName", ArgumentKind::kText, "none",
+                        "the near-infrared band's name"),
+    framework::Number("VisibleBandWavelength", -1, "the red band's wavelength in nanometres"),
+    framework::Number("InfraredBandWavelength", -1,
+                      "the near-infrared band's wavelength in nanometres"),
+    kWavelengthMatchTolerance,
+    kMissingBandAction,
+    framework::Boolean("ScientificOutput", false,
+                       "true: the plain index in F32; false: the index scaled to 0..200 in U8"),
+};
+}  // namespace
+PW_DECLARE_ARGUMENTS(NDVIFunction, NDVIFunctionArguments, kArguments);
+
+namespace {
+using framework::Default;
+constexpr auto kVisibleBandID = static_cast<LONG>(Default(kArguments, "VisibleBandID"));
+constexpr auto kInfraredBandID = static_cast<LONG>(Default(kArguments, "InfraredBandID"));
+constexpr double kVisibleBandWavelength = Default(kArguments, "VisibleBandWavelength");
+constexpr double kInfraredBandWavelength = Default(kArguments, "InfraredBandWavelength");
+constexpr double kTolerance = Default(kArguments, "WavelengthMatchTolerance");
+constexpr auto kAction = static_cast<LONG>(Default(kArguments, "MissingBandAction"));
+constexpr bool kScientificOutput = Default(kArguments, "ScientificOutput") != 0;
+}  // namespace
+
 namespace {
 
 // Output pixel types chosen when the host sets none: the plain index as 32-bit float, the
@@ -38,19 +71,20 @@ HRESULT NDVIFunctionArguments::put_Raster(VARIANT value) {
   return PutNamedValue(u"Raster", value);
 }
 HRESULT NDVIFunctionArguments::get_VisibleBandID(LONG* band) {
-  return HandOut(GetLong(u"VisibleBandID", -1), band);
+  return HandOut(GetLong(u"VisibleBandID", kVisibleBandID), band);
 }
 HRESULT NDVIFunctionArguments::put_VisibleBandID(LONG band) {
   return PutNamedValue(u"VisibleBandID", Variant(std::int32_t{band}));
 }
 HRESULT NDVIFunctionArguments::get_InfraredBandID(LONG* band) {
-  return HandOut(GetLong(u"InfraredBandID", -1), band);
+  return HandOut(GetLong(u"InfraredBandID", kInfraredBandID), band);
 }
 HRESULT NDVIFunctionArguments::put_InfraredBandID(LONG band) {
   return PutNamedValue(u"InfraredBandID", Variant(std::int32_t{band}));
 }
 HRESULT NDVIFunctionArguments::get_ScientificOutput(VARIANT_BOOL* scientific) {
-  return HandOut(GetBool(u"ScientificOutput", false) ? VARIANT_TRUE : VARIANT_FALSE, scientific);
+  return HandOut(GetBool(u"ScientificOutput", kScientificOutput) ? VARIANT_TRUE : VARIANT_FALSE,
+                 scientific);
 }
 HRESULT NDVIFunctionArguments::put_ScientificOutput(VARIANT_BOOL scientific) {
   return PutNamedValue(u"ScientificOutput", Variant(scientific != VARIANT_FALSE));
@@ -70,25 +104,25 @@ HRESULT NDVIFunctionArguments::put_InfraredBandName(BSTR name) {
   return PutNamedValue(u"InfraredBandName", Variant(std::u16string_view(name, SysStringLen(name))));
 }
 HRESULT NDVIFunctionArguments::get_VisibleBandWavelength(double* wavelength) {
-  return HandOut(GetDouble(u"VisibleBandWavelength", -1.0), wavelength);
+  return HandOut(GetDouble(u"VisibleBandWavelength", kVisibleBandWavelength), wavelength);
 }
 HRESULT NDVIFunctionArguments::put_VisibleBandWavelength(double wavelength) {
   return PutNamedValue(u"VisibleBandWavelength", Variant(wavelength));
 }
 HRESULT NDVIFunctionArguments::get_InfraredBandWavelength(double* wavelength) {
-  return HandOut(GetDouble(u"InfraredBandWavelength", -1.0), wavelength);
+  return HandOut(GetDouble(u"InfraredBandWavelength", kInfraredBandWavelength), wavelength);
 }
 HRESULT NDVIFunctionArguments::put_InfraredBandWavelength(double wavelength) {
   return PutNamedValue(u"InfraredBandWavelength", Variant(wavelength));
 }
 HRESULT NDVIFunctionArguments::get_WavelengthMatchTolerance(double* tolerance) {
-  return HandOut(GetDouble(u"WavelengthMatchTolerance", 60.0), tolerance);
+  return HandOut(GetDouble(u"WavelengthMatchTolerance", kTolerance), tolerance);
 }
 HRESULT NDVIFunctionArguments::put_WavelengthMatchTolerance(double tolerance) {
   return PutNamedValue(u"WavelengthMatchTolerance", Variant(tolerance));
 }
 HRESULT NDVIFunctionArguments::get_MissingBandAction(LONG* action) {
-  return HandOut(GetLong(u"MissingBandAction", 0), action);
+  return HandOut(GetLong(u"MissingBandAction", kAction), action);
 }
 HRESULT NDVIFunctionArguments::put_MissingBandAction(LONG action) {
   return PutNamedValue(u"MissingBandAction", Variant(std::int32_t{action}));
@@ -123,11 +157,13 @@ HRESULT NDVIFunction::BindImpl(IRasterFunctionArguments* arguments) {
   const std::u16string infraredName = args->GetString(u"InfraredBandName", u"");
   if (!visibleName.empty() && !infraredName.empty())
     names = std::vector<std::u16string>{visibleName, infraredName};
-  const double visibleWavelength = args->GetDouble(u"VisibleBandWavelength", -1.0);
-  const double infraredWavelength = args->GetDouble(u"InfraredBandWavelength", -1.0);
+  const double visibleWavelength =
+      args->GetDouble(u"VisibleBandWavelength", kVisibleBandWavelength);
+  const double infraredWavelength =
+      args->GetDouble(u"InfraredBandWavelength", kInfraredBandWavelength);
   if (visibleWavelength > 0 && infraredWavelength > 0)
     wavelengths = std::vector<double>{visibleWavelength, infraredWavelength};
-  const LONG action = args->GetLong(u"MissingBandAction", 0);
+  const LONG action = args->GetLong(u"MissingBandAction", kAction);
 
   // The raster's own band identifiers take precedence over the arguments'.
   for (std::u16string_view name : {res::c_name_InfraredBandID, res::c_name_VisibleBandID}) {
@@ -137,8 +173,8 @@ HRESULT NDVIFunction::BindImpl(IRasterFunctionArguments* arguments) {
   }
   const LONG n = raster::BandCountOf(input.Get());
   if (!names && !wavelengths && action == 0) {
-    const LONG visible = args->GetLong(u"VisibleBandID", -1);
-    const LONG infrared = args->GetLong(u"InfraredBandID", -1);
+    const LONG visible = args->GetLong(u"VisibleBandID", kVisibleBandID);
+    const LONG infrared = args->GetLong(u"InfraredBandID", kInfraredBandID);
     const bool unusable =
         visible < 0 || infrared < 0 || visible >= n || infrared >= n || visible == infrared;
     const auto wavelength = raster::RasterKeyProperty(input.Get(), res::c_name_WavelengthMin);
@@ -148,14 +184,14 @@ HRESULT NDVIFunction::BindImpl(IRasterFunctionArguments* arguments) {
   std::vector<LONG> indexes;
   HRESULT hr = raster::ComputeBandIndexes(
       input.Get(), names ? &*names : nullptr, wavelengths ? &*wavelengths : nullptr, nullptr,
-      args->GetDouble(u"WavelengthMatchTolerance", 60.0), action, &indexes);
+      args->GetDouble(u"WavelengthMatchTolerance", kTolerance), action, &indexes);
   if (FAILED(hr)) return ChainBindError(hr, res::IDS_FUNCTION_BIND_FAILED);
   if (indexes.size() == 2) {
     visible_ = indexes[0];
     infrared_ = indexes[1];
   } else {
-    visible_ = args->GetLong(u"VisibleBandID", -1);
-    infrared_ = args->GetLong(u"InfraredBandID", -1);
+    visible_ = args->GetLong(u"VisibleBandID", kVisibleBandID);
+    infrared_ = args->GetLong(u"InfraredBandID", kInfraredBandID);
   }
   if (visible_ == -1 || infrared_ == -1) {
     if (action == 1) {
@@ -190,7 +226,7 @@ HRESULT NDVIFunction::BindImpl(IRasterFunctionArguments* arguments) {
     if (FAILED(hr) || !prepared) return ChainBindError(E_INVALIDARG, res::IDS_FUNCTION_BIND_FAILED);
   }
 
-  scientific_ = args->GetBool(u"ScientificOutput", false);
+  scientific_ = args->GetBool(u"ScientificOutput", kScientificOutput);
   ComPtr<IRasterProps> props = prepared.As<IRasterProps>();
   props->get_PixelType(&inputType_);
   outputType_ =
@@ -233,27 +269,5 @@ HRESULT NDVIFunction::ReadImpl(LONG column, LONG row, IPixelBlock* block) {
   if (target.Get() != block) return raster::ConvertPixelBlock(target.Get(), block);
   return S_OK;
 }
-
-// --- declaration -------------------------------------------------------------------------
-
-namespace {
-using framework::ArgumentKind;
-constexpr framework::ArgumentSpec kArguments[] = {
-    framework::Required("Raster", ArgumentKind::kRaster, "the multiband input"),
-    framework::Integer("VisibleBandID", -1, "the red band, from 0 (-1: not given)"),
-    framework::Integer("InfraredBandID", -1, "the near-infrared band, from 0 (-1: not given)"),
-    framework::Optional("VisibleBandName", ArgumentKind::kText, "none", "the red band's name"),
-    framework::Optional("InfraredBandName", ArgumentKind::kText, "none",
-                        "the near-infrared band's name"),
-    framework::Number("VisibleBandWavelength", -1, "the red band's wavelength in nanometres"),
-    framework::Number("InfraredBandWavelength", -1,
-                      "the near-infrared band's wavelength in nanometres"),
-    kWavelengthMatchTolerance,
-    kMissingBandAction,
-    framework::Boolean("ScientificOutput", false,
-                       "true: the plain index in F32; false: the index scaled to 0..200 in U8"),
-};
-}  // namespace
-PW_DECLARE_ARGUMENTS(NDVIFunction, NDVIFunctionArguments, kArguments);
 
 }  // namespace pw::functions

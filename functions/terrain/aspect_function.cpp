@@ -12,6 +12,19 @@ namespace pw::functions {
 
 PW_REGISTER_PERSIST_CLASS(AspectFunction, ClassIdFromName("AspectFunction"));
 
+// --- declaration -------------------------------------------------------------------------
+
+namespace {
+constexpr std::string_view kRasterAliases[] = {"DEM", "$$RasterValue"};
+constexpr framework::ArgumentSpec kArguments[] = {
+    framework::Required("Raster", framework::ArgumentKind::kRaster, "the elevation raster")
+        .Also(kRasterAliases),
+    terrain::kAnalysisTargetDevice,
+    terrain::kDeviceId,
+};
+}  // namespace
+PW_DECLARE_ARGUMENTS(AspectFunction, RasterFunctionArguments, kArguments);
+
 AspectFunction::AspectFunction()
     : TerrainFunction(res::IDS_ASPECT_FUNCTION_NAME, res::IDS_ASPECT_FUNCTION_DESCRIPTION) {}
 
@@ -50,18 +63,5 @@ HRESULT AspectFunction::BindImpl(IRasterFunctionArguments* arguments) {
   ChooseDevice(target, deviceId);
   return DefineRasterKeyProperty(res::c_name_DataType, Variant(res::c_value_Generic));
 }
-
-// --- declaration -------------------------------------------------------------------------
-
-namespace {
-constexpr std::string_view kRasterAliases[] = {"DEM", "$$RasterValue"};
-constexpr framework::ArgumentSpec kArguments[] = {
-    framework::Required("Raster", framework::ArgumentKind::kRaster, "the elevation raster")
-        .Also(kRasterAliases),
-    terrain::kAnalysisTargetDevice,
-    terrain::kDeviceId,
-};
-}  // namespace
-PW_DECLARE_ARGUMENTS(AspectFunction, RasterFunctionArguments, kArguments);
 
 }  // namespace pw::functions

@@ -13,6 +13,35 @@ PW_REGISTER_PERSIST_CLASS(HillshadeFunction, ClassIdFromName("HillshadeFunction"
 PW_REGISTER_PERSIST_CLASS(HillshadeFunctionArguments,
                           ClassIdFromName("HillshadeFunctionArguments"));
 
+// --- declaration -------------------------------------------------------------------------
+
+namespace {
+constexpr framework::Choice kSlopeTypes[] = {
+    {1, "the plain z-factor"}, {2, "the plain z-factor"}, {3, "the power-scaled z-factor"}};
+constexpr framework::Choice kHillshadeTypes[] = {{0, "one sun"}, {1, "six fixed lights"}};
+constexpr framework::ArgumentSpec kArguments[] = {
+    terrain::kDem,
+    framework::Number("Azimuth", 315, "the sun's direction in degrees clockwise from north"),
+    framework::Number("Altitude", 45, "the sun's angle above the horizon in degrees")
+        .Between(-90, 90),
+    terrain::kZFactor,
+    framework::Integer("SlopeType", 1, "which z-factor").OneOf(kSlopeTypes),
+    terrain::kPSPower,
+    terrain::kPSZFactor,
+    terrain::kRemoveEdgeEffect.Unresolved(),
+    framework::Integer("HillshadeType", 0, "the lighting").OneOf(kHillshadeTypes),
+};
+}  // namespace
+PW_DECLARE_ARGUMENTS(HillshadeFunction, HillshadeFunctionArguments, kArguments);
+
+namespace {
+constexpr double kAzimuth = framework::Default(kArguments, "Azimuth");
+constexpr double kAltitude = framework::Default(kArguments, "Altitude");
+constexpr auto kHillshadeType = static_cast<LONG>(framework::Default(kArguments, "HillshadeType"));
+constexpr bool kRemoveEdgeEffect = framework::Default(kArguments, "RemoveEdgeEffect") != 0;
+static_assert(framework::Default(kArguments, "SlopeType") == ZFactors{}.slopeType);
+}  // namespace
+
 namespace {
 
 // The multidirectional lights: azimuth, altitude and weight (in eighteenths).
@@ -25,13 +54,13 @@ constexpr struct {
 // --- arguments ---------------------------------------------------------------------------
 
 HRESULT HillshadeFunctionArguments::get_Azimuth(double* azimuth) {
-  return HandOut(GetDouble(u"Azimuth", 315.0), azimuth);
+  return HandOut(GetDouble(u"Azimuth", kAzimuth), azimuth);
 }
 HRESULT HillshadeFunctionArguments::put_Azimuth(double azimuth) {
   return PutNamedValue(u"Azimuth", Variant(azimuth));
 }
 HRESULT HillshadeFunctionArguments::get_Altitude(double* altitude) {
-  return HandOut(GetDouble(u"Altitude", 45.0), altitude);
+  return HandOut(GetDouble(u"Altitude", kAltitude), altitude);
 }
 HRESULT HillshadeFunctionArguments::put_Altitude(double altitude) {
   if (!(std::fabs(altitude) <= 90.0))
@@ -41,7 +70,7 @@ HRESULT HillshadeFunctionArguments::put_Altitude(double altitude) {
   return PutNamedValue(u"Altitude", Variant(altitude));
 }
 HRESULT HillshadeFunctionArguments::get_HillshadeType(LONG* type) {
-  return HandOut(GetLong(u"HillshadeType", 0), type);
+  return HandOut(GetLong(u"HillshadeType", kHillshadeType), type);
 }
 HRESULT HillshadeFunctionArguments::put_HillshadeType(LONG type) {
   return PutNamedValue(u"HillshadeType", Variant(std::int32_t{type}));
@@ -49,10 +78,7 @@ HRESULT HillshadeFunctionArguments::put_HillshadeType(LONG type) {
 
 HRESULT HillshadeFunctionArguments::Resolve(IRow* row, IPropertySet* properties) {
   return Guard([&]() -> HRESULT {
-    ResolveElevation(row, properties);
-    for (std::u16string_view name : {u"Azimuth", u"Altitude"})
-      framework::ResolveAndUpdate_ValueTypeDouble(this, Bstr(name).Get(), row, properties);
-    framework::ResolveAndUpdate_ValueTypeLong(this, Bstr(u"HillshadeType").Get(), row, properties);
+    framework::ResolveDeclared(kArguments, this, row, properties);
     return S_OK;
   });
 }
@@ -70,10 +96,10 @@ HillshadeFunction::HillshadeFunction()
 HRESULT HillshadeFunction::BindImpl(IRasterFunctionArguments* arguments) {
   auto* args = dynamic_cast<HillshadeFunctionArguments*>(arguments);
   if (args == nullptr) return ChainBindError(E_INVALIDARG, res::IDS_FUNCTION_BIND_FAILED);
-  PW_RETURN_IF_FAILED(
-      BindElevation(args->Elevation(), args->GetBool(u"RemoveEdgeEffect", false), 3, u"Hillshade"));
+  PW_RETURN_IF_FAILED(BindElevation(
+      args->Elevation(), args->GetBool(u"RemoveEdgeEffect", kRemoveEdgeEffect), 3, u"Hillshade"));
   const ZFactors f = args->Factors();
-  const LONG hillshadeType = args->GetLong(u"HillshadeType", 0);
+  const LONG hillshadeType = args->GetLong(u"HillshadeType", kHillshadeType);
   if (hillshadeType == 2) {
     ReportError(E_NOTIMPL, u"HillshadeFunction: \"HillshadeType\" 2 is not implemented.",
                 ClassId());
@@ -103,32 +129,11 @@ HRESULT HillshadeFunction::BindImpl(IRasterFunctionArguments* arguments) {
           terrain::MakeLight(kLights[k].azimuth, kLights[k].altitude, kLights[k].weight / 18.0);
   } else {
     p.lights = 1;
-    p.light[0] = terrain::MakeLight(args->GetDouble(u"Azimuth", 315.0),
-                                    args->GetDouble(u"Altitude", 45.0), 1.0);
+    p.light[0] = terrain::MakeLight(args->GetDouble(u"Azimuth", kAzimuth),
+                                    args->GetDouble(u"Altitude", kAltitude), 1.0);
   }
   ChooseDevice(2, -1);  // no device path
   return S_OK;
 }
-
-// --- declaration -------------------------------------------------------------------------
-
-namespace {
-constexpr framework::Choice kSlopeTypes[] = {
-    {1, "the plain z-factor"}, {2, "the plain z-factor"}, {3, "the power-scaled z-factor"}};
-constexpr framework::Choice kHillshadeTypes[] = {{0, "one sun"}, {1, "six fixed lights"}};
-constexpr framework::ArgumentSpec kArguments[] = {
-    terrain::kDem,
-    framework::Number("Azimuth", 315, "the sun's direction in degrees clockwise from north"),
-    framework::Number("Altitude", 45, "the sun's angle above the horizon in degrees")
-        .Between(-90, 90),
-    terrain::kZFactor,
-    framework::Integer("SlopeType", 1, "which z-factor").OneOf(kSlopeTypes),
-    terrain::kPSPower,
-    terrain::kPSZFactor,
-    terrain::kRemoveEdgeEffect,
-    framework::Integer("HillshadeType", 0, "the lighting").OneOf(kHillshadeTypes),
-};
-}  // namespace
-PW_DECLARE_ARGUMENTS(HillshadeFunction, HillshadeFunctionArguments, kArguments);
 
 }  // namespace pw::functions

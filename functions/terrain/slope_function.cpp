@@ -13,16 +13,41 @@ namespace pw::functions {
 PW_REGISTER_PERSIST_CLASS(SlopeFunction, ClassIdFromName("SlopeFunction"));
 PW_REGISTER_PERSIST_CLASS(SlopeFunctionArguments, ClassIdFromName("SlopeFunctionArguments"));
 
+// --- declaration -------------------------------------------------------------------------
+
+namespace {
+constexpr framework::Choice kSlopeTypes[] = {
+    {1, "degrees"}, {2, "percent rise"}, {3, "degrees with the power-scaled z-factor"}};
+constexpr framework::ArgumentSpec kArguments[] = {
+    terrain::kDem,
+    terrain::kZFactor,
+    framework::Integer("SlopeType", 1, "the kind of slope").OneOf(kSlopeTypes),
+    terrain::kPSPower,
+    terrain::kPSZFactor,
+    terrain::kRemoveEdgeEffect,
+    terrain::kAnalysisTargetDevice,
+    terrain::kDeviceId,
+};
+}  // namespace
+PW_DECLARE_ARGUMENTS(SlopeFunction, SlopeFunctionArguments, kArguments);
+
+namespace {
+constexpr auto kDevice = static_cast<LONG>(framework::Default(kArguments, "AnalysisTargetDevice"));
+constexpr auto kDeviceId = static_cast<LONG>(framework::Default(kArguments, "DeviceId"));
+constexpr bool kRemoveEdgeEffect = framework::Default(kArguments, "RemoveEdgeEffect") != 0;
+static_assert(framework::Default(kArguments, "SlopeType") == ZFactors{}.slopeType);
+}  // namespace
+
 // --- arguments ---------------------------------------------------------------------------
 
 HRESULT SlopeFunctionArguments::get_AnalysisTargetDevice(LONG* device) {
-  return HandOut(GetLong(u"AnalysisTargetDevice", 1), device);
+  return HandOut(GetLong(u"AnalysisTargetDevice", kDevice), device);
 }
 HRESULT SlopeFunctionArguments::put_AnalysisTargetDevice(LONG device) {
   return PutNamedValue(u"AnalysisTargetDevice", Variant(std::int32_t{device}));
 }
 HRESULT SlopeFunctionArguments::get_DeviceId(LONG* id) {
-  return HandOut(GetLong(u"DeviceId", -1), id);
+  return HandOut(GetLong(u"DeviceId", kDeviceId), id);
 }
 HRESULT SlopeFunctionArguments::put_DeviceId(LONG id) {
   return PutNamedValue(u"DeviceId", Variant(std::int32_t{id}));
@@ -30,9 +55,7 @@ HRESULT SlopeFunctionArguments::put_DeviceId(LONG id) {
 
 HRESULT SlopeFunctionArguments::Resolve(IRow* row, IPropertySet* properties) {
   return Guard([&]() -> HRESULT {
-    ResolveElevation(row, properties);
-    framework::ResolveAndUpdate_ValueTypeBoolean(this, Bstr(u"RemoveEdgeEffect").Get(), row,
-                                                 properties);
+    framework::ResolveDeclared(kArguments, this, row, properties);
     return S_OK;
   });
 }
@@ -50,8 +73,8 @@ SlopeFunction::SlopeFunction()
 HRESULT SlopeFunction::BindImpl(IRasterFunctionArguments* arguments) {
   auto* args = dynamic_cast<SlopeFunctionArguments*>(arguments);
   if (args == nullptr) return ChainBindError(E_INVALIDARG, res::IDS_FUNCTION_BIND_FAILED);
-  PW_RETURN_IF_FAILED(
-      BindElevation(args->Elevation(), args->GetBool(u"RemoveEdgeEffect", false), 9, u"Slope"));
+  PW_RETURN_IF_FAILED(BindElevation(
+      args->Elevation(), args->GetBool(u"RemoveEdgeEffect", kRemoveEdgeEffect), 9, u"Slope"));
   const ZFactors f = args->Factors();
   terrain::Params& p = params_;
   p = terrain::Params{};
@@ -70,26 +93,9 @@ HRESULT SlopeFunction::BindImpl(IRasterFunctionArguments* arguments) {
   }
   p.slopeType = f.slopeType;
   p.mercator = kind_ == kMercatorGrid;
-  ChooseDevice(args->GetLong(u"AnalysisTargetDevice", 1), args->GetLong(u"DeviceId", -1));
+  ChooseDevice(args->GetLong(u"AnalysisTargetDevice", kDevice),
+               args->GetLong(u"DeviceId", kDeviceId));
   return DefineRasterKeyProperty(res::c_name_DataType, Variant(res::c_value_Generic));
 }
-
-// --- declaration -------------------------------------------------------------------------
-
-namespace {
-constexpr framework::Choice kSlopeTypes[] = {
-    {1, "degrees"}, {2, "percent rise"}, {3, "degrees with the power-scaled z-factor"}};
-constexpr framework::ArgumentSpec kArguments[] = {
-    terrain::kDem,
-    terrain::kZFactor,
-    framework::Integer("SlopeType", 1, "the kind of slope").OneOf(kSlopeTypes),
-    terrain::kPSPower,
-    terrain::kPSZFactor,
-    terrain::kRemoveEdgeEffect,
-    terrain::kAnalysisTargetDevice,
-    terrain::kDeviceId,
-};
-}  // namespace
-PW_DECLARE_ARGUMENTS(SlopeFunction, SlopeFunctionArguments, kArguments);
 
 }  // namespace pw::functions

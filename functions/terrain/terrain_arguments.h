@@ -27,14 +27,17 @@ inline constexpr framework::Choice kDevices[] = {
 inline constexpr framework::ArgumentSpec kAnalysisTargetDevice =
     framework::Integer("AnalysisTargetDevice", 1,
                        "where the surface is computed (this build has the CPU only)")
-        .OneOf(kDevices);
+        .OneOf(kDevices)
+        .Unresolved();
 inline constexpr framework::ArgumentSpec kDeviceId =
-    framework::Integer("DeviceId", -1, "the GPU device (-1: the service's choice)");
+    framework::Integer("DeviceId", -1, "the GPU device (-1: the service's choice)").Unresolved();
 }  // namespace terrain
 
-// The z-factor settings of slope and hillshade, with their defaults.
+// The z-factor settings of slope and hillshade, with their declared defaults (both
+// functions declare "SlopeType" with default 1).
 struct ZFactors {
-  double z = 1.0, psZFactor = 0.024, psPower = 0.664;
+  double z = terrain::kZFactor.number, psZFactor = terrain::kPSZFactor.number,
+         psPower = terrain::kPSPower.number;
   LONG slopeType = 1;  // 3 selects the power-scaled factor
 };
 
@@ -73,7 +76,10 @@ class TerrainArguments : public framework::BasicFunctionArguments, public Itf {
     return PutNamedValue(u"PSZFactor", Variant(factor));
   }
   HRESULT STDMETHODCALLTYPE get_RemoveEdgeEffect(VARIANT_BOOL* remove) override {
-    return HandOut(GetBool(u"RemoveEdgeEffect", false) ? VARIANT_TRUE : VARIANT_FALSE, remove);
+    return HandOut(GetBool(u"RemoveEdgeEffect", terrain::kRemoveEdgeEffect.number != 0)
+                       ? VARIANT_TRUE
+                       : VARIANT_FALSE,
+                   remove);
   }
   HRESULT STDMETHODCALLTYPE put_RemoveEdgeEffect(VARIANT_BOOL remove) override {
     return PutNamedValue(u"RemoveEdgeEffect", Variant(remove != VARIANT_FALSE));
@@ -88,17 +94,6 @@ class TerrainArguments : public framework::BasicFunctionArguments, public Itf {
     const ZFactors defaults;
     return {GetDouble(u"ZFactor", defaults.z), GetDouble(u"PSZFactor", defaults.psZFactor),
             GetDouble(u"PSPower", defaults.psPower), GetLong(u"SlopeType", defaults.slopeType)};
-  }
-
- protected:
-  // Template references of the shared values: "DEM" as a dataset, the factors as doubles,
-  // "SlopeType" as a long.
-  void ResolveElevation(IRow* row, IPropertySet* properties) {
-    using namespace framework;
-    ResolveAndUpdate_ValueTypeDataset(this, Bstr(u"DEM").Get(), row, properties);
-    for (std::u16string_view name : {u"ZFactor", u"PSZFactor", u"PSPower"})
-      ResolveAndUpdate_ValueTypeDouble(this, Bstr(name).Get(), row, properties);
-    ResolveAndUpdate_ValueTypeLong(this, Bstr(u"SlopeType").Get(), row, properties);
   }
 };
 
