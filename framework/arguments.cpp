@@ -13,7 +13,7 @@
 
 namespace pw::framework {
 
-PW_REGISTER_PERSIST_CLASS(RasterFunctionArguments, ClassIdFromName("RasterFunctionArguments"));
+PW_REGISTER_CLASS(RasterFunctionArguments);
 
 namespace {
 

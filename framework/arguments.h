@@ -4,6 +4,8 @@
 // typed accessors and, where it has them, its own JSON reading rules.
 #pragma once
 
+#include "framework/class_identity.h"
+
 #include <optional>
 #include <string>
 #include <vector>
@@ -133,11 +135,9 @@ class BasicFunctionArguments : public IRasterFunctionArguments2,
 // The general arguments class, for functions without one of their own.
 class RasterFunctionArguments : public BasicFunctionArguments {
  public:
-  static constexpr std::string_view kTypeName = "RasterFunctionArguments";
+  PW_CLASS_IDENTITY(RasterFunctionArguments)
 
  protected:
-  std::u16string_view TypeName() const override { return u"RasterFunctionArguments"; }
-  CLSID ClassId() const override { return ClassIdFromName("RasterFunctionArguments"); }
   HRESULT CreateEmpty(BasicFunctionArguments** fresh) const override;
 };
 

@@ -126,8 +126,7 @@ HRESULT CheckChainMembers(const Json& chain) {
 
 // The function a chain names: a declared function by its class name, programmatic
 // identifier or short name in any case, else any class of the registry by its name.
-HRESULT CreateFunction(const std::string& name, IRasterFunction** function,
-                       std::string* resolved) {
+HRESULT CreateFunction(const std::string& name, IRasterFunction** function, std::string* resolved) {
   *resolved = ResolveFunctionName(name);
   if (resolved->empty()) *resolved = BareName(name);
   HRESULT hr = CreateByName(*resolved, function);
@@ -281,14 +280,13 @@ HRESULT FillVariables(Json* chain, const ChainVariables& variables) {
       if (!value->is_string()) continue;
       const std::string& text = value->get_ref<const std::string&>();
       if (text.find("${") == std::string::npos) continue;
-      const bool whole = text.size() > 3 && text.rfind("${", 0) == 0 &&
-                         text.find('}') == text.size() - 1;
+      const bool whole =
+          text.size() > 3 && text.rfind("${", 0) == 0 && text.find('}') == text.size() - 1;
       const std::string filled = FillText(text, variables, &missing);
       if (whole && filled != text) {
         Json typed = Json::parse(filled, nullptr, false);
-        *value = !typed.is_discarded() && (typed.is_number() || typed.is_boolean())
-                     ? typed
-                     : Json(filled);
+        *value = !typed.is_discarded() && (typed.is_number() || typed.is_boolean()) ? typed
+                                                                                    : Json(filled);
       } else {
         *value = filled;
       }

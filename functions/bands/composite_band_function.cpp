@@ -8,9 +8,8 @@
 
 namespace pw::functions {
 
-PW_REGISTER_PERSIST_CLASS(CompositeBandFunction, ClassIdFromName("CompositeBandFunction"));
-PW_REGISTER_PERSIST_CLASS(CompositeBandFunctionArguments,
-                          ClassIdFromName("CompositeBandFunctionArguments"));
+PW_REGISTER_CLASS(CompositeBandFunction);
+PW_REGISTER_CLASS(CompositeBandFunctionArguments);
 
 // --- declaration -------------------------------------------------------------------------
 

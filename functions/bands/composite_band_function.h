@@ -2,6 +2,8 @@
 // arguments class. Pixels are not touched: the output is a band collection.
 #pragma once
 
+#include "framework/class_identity.h"
+
 #include <string_view>
 
 #include "framework/arguments.h"
@@ -20,15 +22,13 @@ class CompositeBandFunctionArguments : public framework::BasicFunctionArguments,
  public:
   using Interfaces = ConcatInterfacesT<framework::BasicFunctionArguments::Interfaces,
                                        InterfaceList<ICompositeBandFunctionArguments>>;
-  static constexpr std::string_view kTypeName = "CompositeBandFunctionArguments";
+  PW_CLASS_IDENTITY(CompositeBandFunctionArguments)
 
   HRESULT STDMETHODCALLTYPE get_Rasters(VARIANT* value) override;
   HRESULT STDMETHODCALLTYPE put_Rasters(VARIANT value) override;
   HRESULT STDMETHODCALLTYPE Resolve(IRow* row, IPropertySet* properties) override;
 
  protected:
-  std::u16string_view TypeName() const override { return u"CompositeBandFunctionArguments"; }
-  CLSID ClassId() const override { return ClassIdFromName("CompositeBandFunctionArguments"); }
   // "Raster[]" is read as "Rasters".
   HRESULT ReadJson(const persist::Json& json) override;
   HRESULT CreateEmpty(BasicFunctionArguments** fresh) const override;
@@ -36,13 +36,11 @@ class CompositeBandFunctionArguments : public framework::BasicFunctionArguments,
 
 class CompositeBandFunction : public BandCompositionFunction {
  public:
-  static constexpr std::string_view kTypeName = "CompositeBandFunction";
+  PW_CLASS_IDENTITY(CompositeBandFunction)
   CompositeBandFunction();
 
  protected:
   HRESULT BindImpl(IRasterFunctionArguments* arguments) override;
-  std::u16string_view TypeName() const override { return u"CompositeBandFunction"; }
-  CLSID ClassId() const override { return ClassIdFromName("CompositeBandFunction"); }
 };
 
 }  // namespace pw::functions

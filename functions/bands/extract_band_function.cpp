@@ -11,9 +11,8 @@
 
 namespace pw::functions {
 
-PW_REGISTER_PERSIST_CLASS(ExtractBandFunction, ClassIdFromName("ExtractBandFunction"));
-PW_REGISTER_PERSIST_CLASS(ExtractBandFunctionArguments,
-                          ClassIdFromName("ExtractBandFunctionArguments"));
+PW_REGISTER_CLASS(ExtractBandFunction);
+PW_REGISTER_CLASS(ExtractBandFunctionArguments);
 
 // --- declaration -------------------------------------------------------------------------
 

@@ -3,6 +3,8 @@
 // collection of the input's bands.
 #pragma once
 
+#include "framework/class_identity.h"
+
 #include <string_view>
 
 #include "framework/arguments.h"
@@ -38,7 +40,7 @@ class ExtractBandFunctionArguments : public framework::BasicFunctionArguments,
  public:
   using Interfaces = ConcatInterfacesT<framework::BasicFunctionArguments::Interfaces,
                                        InterfaceList<IExtractBandFunctionArguments2>>;
-  static constexpr std::string_view kTypeName = "ExtractBandFunctionArguments";
+  PW_CLASS_IDENTITY(ExtractBandFunctionArguments)
 
   HRESULT STDMETHODCALLTYPE get_Raster(VARIANT* value) override;
   HRESULT STDMETHODCALLTYPE put_Raster(VARIANT value) override;
@@ -61,20 +63,16 @@ class ExtractBandFunctionArguments : public framework::BasicFunctionArguments,
   std::optional<std::vector<LONG>> BandIds() const;
 
  protected:
-  std::u16string_view TypeName() const override { return u"ExtractBandFunctionArguments"; }
-  CLSID ClassId() const override { return ClassIdFromName("ExtractBandFunctionArguments"); }
   HRESULT CreateEmpty(BasicFunctionArguments** fresh) const override;
 };
 
 class ExtractBandFunction : public BandCompositionFunction {
  public:
-  static constexpr std::string_view kTypeName = "ExtractBandFunction";
+  PW_CLASS_IDENTITY(ExtractBandFunction)
   ExtractBandFunction();
 
  protected:
   HRESULT BindImpl(IRasterFunctionArguments* arguments) override;
-  std::u16string_view TypeName() const override { return u"ExtractBandFunction"; }
-  CLSID ClassId() const override { return ClassIdFromName("ExtractBandFunction"); }
 };
 
 }  // namespace pw::functions

@@ -22,9 +22,8 @@
 
 namespace pw::functions {
 
-PW_REGISTER_PERSIST_CLASS(ArithmeticFunction, ClassIdFromName("ArithmeticFunction"));
-PW_REGISTER_PERSIST_CLASS(ArithmeticFunctionArguments,
-                          ClassIdFromName("ArithmeticFunctionArguments"));
+PW_REGISTER_CLASS(ArithmeticFunction);
+PW_REGISTER_CLASS(ArithmeticFunctionArguments);
 
 // --- declaration -------------------------------------------------------------------------
 

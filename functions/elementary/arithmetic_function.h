@@ -2,6 +2,8 @@
 // two rasters or a raster and constants; and its arguments class.
 #pragma once
 
+#include "framework/class_identity.h"
+
 #include <vector>
 
 #include <string_view>
@@ -47,7 +49,7 @@ class ArithmeticFunctionArguments : public framework::BasicFunctionArguments,
   using Interfaces =
       ConcatInterfacesT<framework::BasicFunctionArguments::Interfaces,
                         InterfaceList<IArithmeticFunctionArguments2, IFractionDifferenceArguments>>;
-  static constexpr std::string_view kTypeName = "ArithmeticFunctionArguments";
+  PW_CLASS_IDENTITY(ArithmeticFunctionArguments)
 
   HRESULT STDMETHODCALLTYPE get_Raster(VARIANT* value) override;
   HRESULT STDMETHODCALLTYPE put_Raster(VARIANT value) override;
@@ -72,22 +74,18 @@ class ArithmeticFunctionArguments : public framework::BasicFunctionArguments,
   LONG Operation() const;
 
  protected:
-  std::u16string_view TypeName() const override { return u"ArithmeticFunctionArguments"; }
-  CLSID ClassId() const override { return ClassIdFromName("ArithmeticFunctionArguments"); }
   HRESULT ReadJson(const persist::Json& json) override;
   HRESULT CreateEmpty(BasicFunctionArguments** fresh) const override;
 };
 
 class ArithmeticFunction : public framework::BasicFunction {
  public:
-  static constexpr std::string_view kTypeName = "ArithmeticFunction";
+  PW_CLASS_IDENTITY(ArithmeticFunction)
   ArithmeticFunction();
 
  protected:
   HRESULT BindImpl(IRasterFunctionArguments* arguments) override;
   HRESULT ReadImpl(LONG column, LONG row, IPixelBlock* block) override;
-  std::u16string_view TypeName() const override { return u"ArithmeticFunction"; }
-  CLSID ClassId() const override { return ClassIdFromName("ArithmeticFunction"); }
   std::vector<int> OwnVersions() const override { return {0, 0, 0, 0, 5}; }
 
  private:

@@ -18,8 +18,8 @@
 
 namespace pw::functions {
 
-PW_REGISTER_PERSIST_CLASS(ConstantFunction, ClassIdFromName("ConstantFunction"));
-PW_REGISTER_PERSIST_CLASS(ConstantFunctionArguments, ClassIdFromName("ConstantFunctionArguments"));
+PW_REGISTER_CLASS(ConstantFunction);
+PW_REGISTER_CLASS(ConstantFunctionArguments);
 
 namespace {
 using framework::ArgumentKind;

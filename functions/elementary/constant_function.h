@@ -3,6 +3,8 @@
 // arguments class.
 #pragma once
 
+#include "framework/class_identity.h"
+
 #include <vector>
 
 #include "framework/basic_function.h"
@@ -31,7 +33,7 @@ class ConstantFunctionArguments : public framework::BasicFunctionArguments,
  public:
   using Interfaces = ConcatInterfacesT<framework::BasicFunctionArguments::Interfaces,
                                        InterfaceList<IConstantFunctionArguments>>;
-  static constexpr std::string_view kTypeName = "ConstantFunctionArguments";
+  PW_CLASS_IDENTITY(ConstantFunctionArguments)
 
   HRESULT STDMETHODCALLTYPE get_RasterInfo(IRasterInfo** info) override;
   HRESULT STDMETHODCALLTYPE put_RasterInfo(IRasterInfo* info) override;
@@ -46,22 +48,18 @@ class ConstantFunctionArguments : public framework::BasicFunctionArguments,
   HRESULT STDMETHODCALLTYPE CreateRasterInfo(IRaster* raster, IRasterInfo** info) override;
 
  protected:
-  std::u16string_view TypeName() const override { return u"ConstantFunctionArguments"; }
-  CLSID ClassId() const override { return ClassIdFromName("ConstantFunctionArguments"); }
   HRESULT ReadJson(const persist::Json& json) override;
   HRESULT CreateEmpty(BasicFunctionArguments** fresh) const override;
 };
 
 class ConstantFunction : public framework::BasicFunction {
  public:
-  static constexpr std::string_view kTypeName = "ConstantFunction";
+  PW_CLASS_IDENTITY(ConstantFunction)
   ConstantFunction();
 
  protected:
   HRESULT BindImpl(IRasterFunctionArguments* arguments) override;
   HRESULT ReadImpl(LONG column, LONG row, IPixelBlock* block) override;
-  std::u16string_view TypeName() const override { return u"ConstantFunction"; }
-  CLSID ClassId() const override { return ClassIdFromName("ConstantFunction"); }
 
  private:
   LONG method_ = 0;

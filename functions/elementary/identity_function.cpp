@@ -10,7 +10,7 @@
 
 namespace pw::functions {
 
-PW_REGISTER_PERSIST_CLASS(IdentityFunction, ClassIdFromName("IdentityFunction"));
+PW_REGISTER_CLASS(IdentityFunction);
 
 namespace {
 using framework::ArgumentKind;

@@ -3,6 +3,8 @@
 // replaces the output's.
 #pragma once
 
+#include "framework/class_identity.h"
+
 #include "framework/basic_function.h"
 
 namespace pw::functions {
@@ -11,7 +13,7 @@ class IdentityFunction : public framework::BasicFunction, public ISimpleCollecti
  public:
   using Interfaces = ConcatInterfacesT<framework::BasicFunction::Interfaces,
                                        InterfaceList<ISimpleCollectionFunction>>;
-  static constexpr std::string_view kTypeName = "IdentityFunction";
+  PW_CLASS_IDENTITY(IdentityFunction)
 
   IdentityFunction();
   HRESULT STDMETHODCALLTYPE get_Input(IRaster** raster) override;
@@ -19,8 +21,6 @@ class IdentityFunction : public framework::BasicFunction, public ISimpleCollecti
  protected:
   HRESULT BindImpl(IRasterFunctionArguments* arguments) override;
   HRESULT ReadImpl(LONG column, LONG row, IPixelBlock* block) override;
-  std::u16string_view TypeName() const override { return u"IdentityFunction"; }
-  CLSID ClassId() const override { return ClassIdFromName("IdentityFunction"); }
   std::vector<int> OwnVersions() const override { return {0, 0, 0, 0, 1}; }
 
  private:

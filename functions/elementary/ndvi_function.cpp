@@ -17,8 +17,8 @@
 
 namespace pw::functions {
 
-PW_REGISTER_PERSIST_CLASS(NDVIFunction, ClassIdFromName("NDVIFunction"));
-PW_REGISTER_PERSIST_CLASS(NDVIFunctionArguments, ClassIdFromName("NDVIFunctionArguments"));
+PW_REGISTER_CLASS(NDVIFunction);
+PW_REGISTER_CLASS(NDVIFunctionArguments);
 
 // --- declaration -------------------------------------------------------------------------
 

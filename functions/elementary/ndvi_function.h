@@ -3,6 +3,8 @@
 // properties or band-count defaults; and its arguments class.
 #pragma once
 
+#include "framework/class_identity.h"
+
 #include <string_view>
 
 #include "framework/arguments.h"
@@ -49,7 +51,7 @@ class NDVIFunctionArguments : public framework::BasicFunctionArguments,
  public:
   using Interfaces = ConcatInterfacesT<framework::BasicFunctionArguments::Interfaces,
                                        InterfaceList<INDVIFunctionArguments3>>;
-  static constexpr std::string_view kTypeName = "NDVIFunctionArguments";
+  PW_CLASS_IDENTITY(NDVIFunctionArguments)
 
   HRESULT STDMETHODCALLTYPE get_Raster(VARIANT* value) override;
   HRESULT STDMETHODCALLTYPE put_Raster(VARIANT value) override;
@@ -73,14 +75,12 @@ class NDVIFunctionArguments : public framework::BasicFunctionArguments,
   HRESULT STDMETHODCALLTYPE put_MissingBandAction(LONG action) override;
 
  protected:
-  std::u16string_view TypeName() const override { return u"NDVIFunctionArguments"; }
-  CLSID ClassId() const override { return ClassIdFromName("NDVIFunctionArguments"); }
   HRESULT CreateEmpty(BasicFunctionArguments** fresh) const override;
 };
 
 class NDVIFunction : public framework::BasicFunction {
  public:
-  static constexpr std::string_view kTypeName = "NDVIFunction";
+  PW_CLASS_IDENTITY(NDVIFunction)
   NDVIFunction();
 
   // The bound band indexes (0-based) of the red and near-infrared bands.
@@ -90,8 +90,6 @@ class NDVIFunction : public framework::BasicFunction {
  protected:
   HRESULT BindImpl(IRasterFunctionArguments* arguments) override;
   HRESULT ReadImpl(LONG column, LONG row, IPixelBlock* block) override;
-  std::u16string_view TypeName() const override { return u"NDVIFunction"; }
-  CLSID ClassId() const override { return ClassIdFromName("NDVIFunction"); }
 
  private:
   LONG visible_ = -1, infrared_ = -1;

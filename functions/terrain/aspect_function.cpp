@@ -10,7 +10,7 @@
 
 namespace pw::functions {
 
-PW_REGISTER_PERSIST_CLASS(AspectFunction, ClassIdFromName("AspectFunction"));
+PW_REGISTER_CLASS(AspectFunction);
 
 // --- declaration -------------------------------------------------------------------------
 

@@ -2,6 +2,8 @@
 // clockwise from north (-1 for flat cells). It reads the general arguments class.
 #pragma once
 
+#include "framework/class_identity.h"
+
 #include <string_view>
 
 #include "functions/terrain/terrain_function.h"
@@ -10,13 +12,11 @@ namespace pw::functions {
 
 class AspectFunction : public TerrainFunction {
  public:
-  static constexpr std::string_view kTypeName = "AspectFunction";
+  PW_CLASS_IDENTITY(AspectFunction)
   AspectFunction();
 
  protected:
   HRESULT BindImpl(IRasterFunctionArguments* arguments) override;
-  std::u16string_view TypeName() const override { return u"AspectFunction"; }
-  CLSID ClassId() const override { return ClassIdFromName("AspectFunction"); }
 };
 
 }  // namespace pw::functions

@@ -9,9 +9,8 @@
 
 namespace pw::functions {
 
-PW_REGISTER_PERSIST_CLASS(HillshadeFunction, ClassIdFromName("HillshadeFunction"));
-PW_REGISTER_PERSIST_CLASS(HillshadeFunctionArguments,
-                          ClassIdFromName("HillshadeFunctionArguments"));
+PW_REGISTER_CLASS(HillshadeFunction);
+PW_REGISTER_CLASS(HillshadeFunctionArguments);
 
 // --- declaration -------------------------------------------------------------------------
 

@@ -2,6 +2,8 @@
 // fixed lights (multidirectional); and its arguments class.
 #pragma once
 
+#include "framework/class_identity.h"
+
 #include <string_view>
 
 #include "functions/terrain/terrain_arguments.h"
@@ -37,7 +39,7 @@ namespace pw::functions {
 
 class HillshadeFunctionArguments : public TerrainArguments<IHillshadeFunctionArguments> {
  public:
-  static constexpr std::string_view kTypeName = "HillshadeFunctionArguments";
+  PW_CLASS_IDENTITY(HillshadeFunctionArguments)
 
   HRESULT STDMETHODCALLTYPE get_Azimuth(double* azimuth) override;
   HRESULT STDMETHODCALLTYPE put_Azimuth(double azimuth) override;
@@ -48,20 +50,16 @@ class HillshadeFunctionArguments : public TerrainArguments<IHillshadeFunctionArg
   HRESULT STDMETHODCALLTYPE Resolve(IRow* row, IPropertySet* properties) override;
 
  protected:
-  std::u16string_view TypeName() const override { return u"HillshadeFunctionArguments"; }
-  CLSID ClassId() const override { return ClassIdFromName("HillshadeFunctionArguments"); }
   HRESULT CreateEmpty(BasicFunctionArguments** fresh) const override;
 };
 
 class HillshadeFunction : public TerrainFunction {
  public:
-  static constexpr std::string_view kTypeName = "HillshadeFunction";
+  PW_CLASS_IDENTITY(HillshadeFunction)
   HillshadeFunction();
 
  protected:
   HRESULT BindImpl(IRasterFunctionArguments* arguments) override;
-  std::u16string_view TypeName() const override { return u"HillshadeFunction"; }
-  CLSID ClassId() const override { return ClassIdFromName("HillshadeFunction"); }
 };
 
 }  // namespace pw::functions

@@ -10,8 +10,8 @@
 
 namespace pw::functions {
 
-PW_REGISTER_PERSIST_CLASS(SlopeFunction, ClassIdFromName("SlopeFunction"));
-PW_REGISTER_PERSIST_CLASS(SlopeFunctionArguments, ClassIdFromName("SlopeFunctionArguments"));
+PW_REGISTER_CLASS(SlopeFunction);
+PW_REGISTER_CLASS(SlopeFunctionArguments);
 
 // --- declaration -------------------------------------------------------------------------
 

@@ -2,6 +2,8 @@
 // in degrees, percent rise or with the power-scaled z-factor; and its arguments class.
 #pragma once
 
+#include "framework/class_identity.h"
+
 #include <string_view>
 
 #include "functions/terrain/terrain_arguments.h"
@@ -32,7 +34,7 @@ namespace pw::functions {
 
 class SlopeFunctionArguments : public TerrainArguments<ISlopeFunctionArguments> {
  public:
-  static constexpr std::string_view kTypeName = "SlopeFunctionArguments";
+  PW_CLASS_IDENTITY(SlopeFunctionArguments)
 
   HRESULT STDMETHODCALLTYPE get_AnalysisTargetDevice(LONG* device) override;
   HRESULT STDMETHODCALLTYPE put_AnalysisTargetDevice(LONG device) override;
@@ -41,21 +43,17 @@ class SlopeFunctionArguments : public TerrainArguments<ISlopeFunctionArguments> 
   HRESULT STDMETHODCALLTYPE Resolve(IRow* row, IPropertySet* properties) override;
 
  protected:
-  std::u16string_view TypeName() const override { return u"SlopeFunctionArguments"; }
   LONG MinimumVersion() const override { return 4; }
-  CLSID ClassId() const override { return ClassIdFromName("SlopeFunctionArguments"); }
   HRESULT CreateEmpty(BasicFunctionArguments** fresh) const override;
 };
 
 class SlopeFunction : public TerrainFunction {
  public:
-  static constexpr std::string_view kTypeName = "SlopeFunction";
+  PW_CLASS_IDENTITY(SlopeFunction)
   SlopeFunction();
 
  protected:
   HRESULT BindImpl(IRasterFunctionArguments* arguments) override;
-  std::u16string_view TypeName() const override { return u"SlopeFunction"; }
-  CLSID ClassId() const override { return ClassIdFromName("SlopeFunction"); }
 };
 
 }  // namespace pw::functions
