@@ -21,7 +21,9 @@ class IdentityFunction : public framework::BasicFunction, public ISimpleCollecti
  protected:
   HRESULT BindImpl(IRasterFunctionArguments* arguments) override;
   HRESULT ReadImpl(LONG column, LONG row, IPixelBlock* block) override;
-  std::vector<int> OwnVersions() const override { return {0, 0, 0, 0, 1}; }
+  // Documents before ordinal 4 cannot hold it, ordinal 4 takes record version 1, and newer
+  // documents the current version, 5.
+  std::vector<int> OwnVersions() const override { return {0, 0, 0, 0, 1, 5}; }
 
  private:
   LONG columnOffset_ = 0, rowOffset_ = 0;

@@ -136,5 +136,33 @@ TEST(Conformance, ReadersRefuseWhatTheSettersRefuse) {
   EXPECT_EQ(persist::LoadJson(R"({"PixelType": 256})", info->AsUnknown()), S_OK);
 }
 
+// The identity function's own record: none before document ordinal 4, version 1 at ordinal
+// 4 (version 4 documents), the current version 5 in newer ones; the base's part comes first.
+TEST(Conformance, TheIdentityFunctionWritesItsOwnRecordVersion) {
+  auto identity = Create<IRasterFunction>(u"IdentityFunction");
+  const struct {
+    LONG document;
+    HRESULT result;
+    std::uint16_t own;
+  } cases[] = {{3, E_FAIL, 0}, {4, S_OK, 1}, {5, S_OK, 5}, {370, S_OK, 5}};
+  for (const auto& c : cases) {
+    std::vector<std::uint8_t> bytes;
+    ASSERT_EQ(persist::SaveToBytes(identity.Get(), c.document, &bytes), c.result) << c.document;
+    if (FAILED(c.result)) continue;
+    ASSERT_GE(bytes.size(), 2u);
+    const std::uint16_t own =
+        static_cast<std::uint16_t>(bytes[bytes.size() - 2] | (bytes[bytes.size() - 1] << 8));
+    EXPECT_EQ(own, c.own) << c.document;
+    auto again = Create<IRasterFunction>(u"IdentityFunction");
+    EXPECT_EQ(persist::LoadFromBytes(again.Get(), bytes), S_OK) << c.document;
+  }
+}
+
+TEST(Conformance, ResultCodesWithoutAMessageSayWhatTheyMean) {
+  EXPECT_EQ(DescribeResult(E_OUTOFMEMORY), "out of memory (0x8007000E)");
+  EXPECT_EQ(DescribeResult(E_INVALIDARG), "invalid argument (0x80070057)");
+  EXPECT_EQ(DescribeResult(static_cast<HRESULT>(0x80041234)), "result 0x80041234");
+}
+
 }  // namespace
 }  // namespace pw::framework

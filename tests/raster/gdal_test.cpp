@@ -298,6 +298,33 @@ TEST_F(GdalTest, MaskedCellsWithoutNoDataGoToAMaskBand) {
   }
 }
 
+// The application's own GDAL error handler stays installed and receives GDAL's warnings;
+// the library takes only the failures of its own calls.
+std::vector<std::string> g_seen;
+void CPL_STDCALL Remember(CPLErr kind, CPLErrorNum, const char* message) {
+  g_seen.push_back(std::string(kind == CE_Warning ? "warning: " : "other: ") + message);
+}
+
+TEST_F(GdalTest, AnApplicationsErrorHandlerIsLeftAlone) {
+  const std::string in = (dir_ / "in.tif").string();
+  WriteTiff(in, 3, 0);
+  const ComPtr<IRaster> raster = IdentityOver(in);
+  ASSERT_TRUE(raster);
+  g_seen.clear();
+  const CPLErrorHandler before = CPLSetErrorHandler(Remember);
+  ExportOptions options;
+  options.creationOptions = {"NO_SUCH_OPTION=1"};
+  EXPECT_EQ(ExportRaster(raster.Get(), (dir_ / "out.tif").string(), options), S_OK);
+  // A failure of the library's own call is its message, not the application's report.
+  ComPtr<IRasterDataset> missing;
+  EXPECT_TRUE(FAILED(OpenDatasetByName(ToUtf16((dir_ / "absent.tif").string()), &missing)));
+  EXPECT_NE(ToUtf8(TakeErrorDescription()).find("absent.tif"), std::string::npos);
+  EXPECT_EQ(CPLSetErrorHandler(before), &Remember);
+  ASSERT_EQ(g_seen.size(), 1u);
+  EXPECT_NE(g_seen[0].find("warning: "), std::string::npos);
+  EXPECT_NE(g_seen[0].find("NO_SUCH_OPTION"), std::string::npos) << g_seen[0];
+}
+
 // Reads are re-entrant: eight threads reading interleaved windows of one dataset see what
 // one thread sees, in a file of strips and in one of 16 x 16 tiles, whose windows cross rows
 // of blocks (read one row of blocks at a time).
