@@ -167,6 +167,22 @@ HRESULT FunctionRasterDataset::GetInfo(raster::SourceInfo* info) {
   });
 }
 
+namespace {
+
+// Cells of a `width` x `height` window at (column, row) that lie beyond a grid of `columns`
+// x `rows` are not part of it.
+void ClearOutside(LONG column, LONG row, LONG width, LONG height, LONG columns, LONG rows,
+                  BYTE* bits) {
+  if (column >= 0 && row >= 0 && column + width <= columns && row + height <= rows) return;
+  for (LONG r = 0; r < height; ++r)
+    for (LONG c = 0; c < width; ++c)
+      if (column + c < 0 || row + r < 0 || column + c >= columns || row + r >= rows)
+        raster::mask::Clear(bits, static_cast<std::size_t>(r) * static_cast<std::size_t>(width) +
+                                      static_cast<std::size_t>(c));
+}
+
+}  // namespace
+
 HRESULT FunctionRasterDataset::ReadWindow(LONG band, LONG column, LONG row, LONG width, LONG height,
                                           void* buffer, BYTE* bits) {
   if (!described_) return E_FAIL;
@@ -195,16 +211,25 @@ HRESULT FunctionRasterDataset::ReadWindow(LONG band, LONG column, LONG row, LONG
       std::memcpy(bits, block->Mask(band), raster::mask::Bytes(n));
     }
     // Cells beyond the function's grid are not part of it.
-    const bool inside = column >= 0 && row >= 0 && column + width <= info_.grid.columns &&
-                        row + height <= info_.grid.rows;
-    if (!inside)
-      for (LONG r = 0; r < height; ++r)
-        for (LONG c = 0; c < width; ++c)
-          if (column + c < 0 || row + r < 0 || column + c >= info_.grid.columns ||
-              row + r >= info_.grid.rows)
-            raster::mask::Clear(bits,
-                                static_cast<std::size_t>(r) * static_cast<std::size_t>(width) +
-                                    static_cast<std::size_t>(c));
+    ClearOutside(column, row, width, height, info_.grid.columns, info_.grid.rows, bits);
+    return S_OK;
+  });
+}
+
+HRESULT FunctionRasterDataset::ReadBlock(LONG column, LONG row, IPixelBlock* block) {
+  if (!described_) return E_FAIL;
+  raster::BlockShape shape;
+  PW_RETURN_IF_FAILED(raster::GetShape(block, &shape));
+  if (shape.bands != info_.bandCount || shape.pixelType != info_.pixelType) return E_INVALIDARG;
+  return Guard([&]() -> HRESULT {
+    // A function that does not write every value and bit gets a cleared block.
+    if (!writesWholeBlock_) PW_RETURN_IF_FAILED(raster::ClearPixelBlock(block));
+    auto origin = MakeObject<raster::Pnt>();
+    origin->PutCoords(column, row);
+    PW_RETURN_IF_FAILED(function_->Read(origin.As<IPnt>().Get(), nullptr, block));
+    for (LONG b = 0; b < shape.bands; ++b)
+      ClearOutside(column, row, shape.width, shape.height, info_.grid.columns, info_.grid.rows,
+                   block->Mask(b));
     return S_OK;
   });
 }

@@ -10,14 +10,15 @@ namespace pw::framework {
 class FunctionRasterDataset : public IFunctionRasterDataset,
                               public IRasterDataset,
                               public IRasterSource,
+                              public IRasterBlockSource,
                               public IRasterKeyPropertySource,
                               public IPersistStream,
                               public IXMLSerialize,
                               public IJSONSerialize {
  public:
   using Interfaces =
-      InterfaceList<IFunctionRasterDataset, IRasterDataset, IRasterSource, IRasterKeyPropertySource,
-                    IPersistStream, IXMLSerialize, IJSONSerialize>;
+      InterfaceList<IFunctionRasterDataset, IRasterDataset, IRasterSource, IRasterBlockSource,
+                    IRasterKeyPropertySource, IPersistStream, IXMLSerialize, IJSONSerialize>;
   static constexpr std::string_view kTypeName = "FunctionRasterDataset";
 
   HRESULT STDMETHODCALLTYPE Init(IRasterFunction* function, IUnknown* arguments) override;
@@ -34,6 +35,8 @@ class FunctionRasterDataset : public IFunctionRasterDataset,
   HRESULT STDMETHODCALLTYPE GetInfo(raster::SourceInfo* info) override;
   HRESULT STDMETHODCALLTYPE ReadWindow(LONG band, LONG column, LONG row, LONG width, LONG height,
                                        void* buffer, BYTE* mask) override;
+  // Every band of a block in one read of the function.
+  HRESULT STDMETHODCALLTYPE ReadBlock(LONG column, LONG row, IPixelBlock* block) override;
   // The function's key properties.
   HRESULT STDMETHODCALLTYPE GetKeyProperty(BSTR name, VARIANT* value) override;
 

@@ -53,6 +53,15 @@ PW_INTERFACE(IRasterSource, IUnknown) {
                                                LONG height, void* buffer, BYTE* mask) = 0;
 };
 
+// A source whose bands are made together (a bound function computes all its bands in one
+// read): a view reads a block of it in one call instead of band by band, so an N-band
+// function is computed once per block, not N times.
+PW_INTERFACE(IRasterBlockSource, IUnknown) {
+  // Fills every band of `block` (the source's pixel type and band count) for the window of
+  // the block's size at (column, row) of the source's grid; cells outside it are invalid.
+  virtual HRESULT STDMETHODCALLTYPE ReadBlock(LONG column, LONG row, IPixelBlock * block) = 0;
+};
+
 // A source that can reproject: fills a window of `grid` (a grid in another spatial
 // reference) with values of the source's pixel type, resampled with a view's resampling
 // code. Raster views use it when their spatial reference differs from the source's.

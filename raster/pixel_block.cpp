@@ -111,6 +111,18 @@ HRESULT WrapUnfilledPixelBlock(LONG width, LONG height, LONG pixelType, void* bu
   return Wrap(width, height, pixelType, buffer, mask, false, block);
 }
 
+HRESULT ClearPixelBlock(IPixelBlock* block) {
+  BlockShape shape;
+  PW_RETURN_IF_FAILED(GetShape(block, &shape));
+  const std::size_t n =
+      static_cast<std::size_t>(shape.width) * static_cast<std::size_t>(shape.height);
+  for (LONG b = 0; b < shape.bands; ++b) {
+    std::memset(block->Buffer(b), 0, n * PixelSize(shape.pixelType));
+    std::memset(block->Mask(b), 0, mask::Bytes(n));
+  }
+  return S_OK;
+}
+
 HRESULT GetShape(IPixelBlock* block, BlockShape* shape) {
   if (block == nullptr) return E_POINTER;
   PW_RETURN_IF_FAILED(block->get_Width(&shape->width));

@@ -58,6 +58,9 @@ struct BlockShape {
 };
 HRESULT GetShape(IPixelBlock* block, BlockShape* shape);
 
+// Sets every value of every band to 0 and every cell invalid.
+HRESULT ClearPixelBlock(IPixelBlock* block);
+
 // Copies `source` into `target` (same size and band count) converting each value by the
 // read conversion rule; NaN into an integer type makes the pixel invalid.
 HRESULT ConvertPixelBlock(IPixelBlock* source, IPixelBlock* target);

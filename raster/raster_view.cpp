@@ -221,6 +221,23 @@ HRESULT Raster::ReadBands(LONG column, LONG row, IPixelBlock* block) {
   BlockShape shape;
   PW_RETURN_IF_FAILED(GetShape(block, &shape));
   if (shape.bands > sourceInfo_.bandCount || PixelSize(shape.pixelType) == 0) return E_INVALIDARG;
+  // A source that makes its bands together is read in one call when the view reads it as it
+  // is (its grid cell for cell, its pixel type, every band).
+  LONG dx = 0, dy = 0;
+  if (!warp_ && shape.bands == sourceInfo_.bandCount && shape.pixelType == sourceInfo_.pixelType &&
+      Aligned(grid_, sourceInfo_.grid, &dx, &dy)) {
+    const RasterGrid& s = sourceInfo_.grid;
+    const bool inside = column + dx >= 0 && row + dy >= 0 &&
+                        column + dx + shape.width <= s.columns && row + dy + shape.height <= s.rows;
+    if (auto whole = source_.As<IRasterBlockSource>();
+        whole && (method_ != kBilinearEdgeExtended || inside)) {
+      PW_RETURN_IF_FAILED(whole->ReadBlock(column + dx, row + dy, block));
+      const std::size_t n =
+          static_cast<std::size_t>(shape.width) * static_cast<std::size_t>(shape.height);
+      for (LONG b = 0; b < shape.bands; ++b) FillInvalidCells(b, n, shape.pixelType, block);
+      return S_OK;
+    }
+  }
   for (LONG b = 0; b < shape.bands; ++b)
     PW_RETURN_IF_FAILED(ReadBand(b, column, row, shape.width, shape.height, shape.pixelType,
                                  block->Buffer(b), block->Mask(b)));
@@ -333,16 +350,24 @@ HRESULT Raster::ReadConverted(LONG band, std::size_t n, LONG type, void* out, BY
       }
     });
   }
-  if (mask::AllValid(bits, n)) return S_OK;  // the common case: nothing to overwrite
+  FillInvalid(band, n, type, out, bits);
+  return S_OK;
+}
+
+void Raster::FillInvalidCells(LONG band, std::size_t n, LONG type, IPixelBlock* block) const {
+  FillInvalid(band, n, type, block->Buffer(band), block->Mask(band));
+}
+
+void Raster::FillInvalid(LONG band, std::size_t n, LONG type, void* out, const BYTE* bits) const {
+  if (mask::AllValid(bits, n)) return;  // the common case: nothing to overwrite
+  const ValueRange range = PixelRange(type);
   VisitPixelType(type, [&](auto tag) {
     using T = typename decltype(tag)::type;
-    T* dst = static_cast<T*>(out);
     bool ignored = true;
     const std::optional<double>& noData = noData_[static_cast<std::size_t>(band)];
     const T fill = noData ? ConvertValue<T>(*noData, range, &ignored) : T{0};
-    mask::FillInvalid(dst, bits, n, fill);
+    mask::FillInvalid(static_cast<T*>(out), bits, n, fill);
   });
-  return S_OK;
 }
 
 HRESULT Raster::ReadResampled(LONG band, LONG column, LONG row, LONG width, LONG height, LONG type,

@@ -68,6 +68,9 @@ class Raster : public IRaster, public IRasterProps, public IRasterSource {
                         Fetch&& fetch) const;
   HRESULT ReadResampled(LONG band, LONG column, LONG row, LONG width, LONG height, LONG type,
                         void* out, BYTE* mask) const;
+  // Invalid cells take the band's no-data value (0 without one).
+  void FillInvalid(LONG band, std::size_t pixels, LONG type, void* out, const BYTE* mask) const;
+  void FillInvalidCells(LONG band, std::size_t pixels, LONG type, IPixelBlock* block) const;
 
   ComPtr<IRasterSource> source_;
   SourceInfo sourceInfo_;

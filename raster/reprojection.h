@@ -12,7 +12,7 @@ struct ReprojectionService {
   bool (*same)(ISpatialReference* a, ISpatialReference* b);
   // The grid in `to` that covers `grid` (given in `from`), with cells of about the same
   // size; fails when the references cannot be related.
-  HRESULT (*carry)
+  HRESULT(*carry)
   (const RasterGrid& grid, ISpatialReference* from, ISpatialReference* to, RasterGrid* carried);
 };
 
