@@ -149,7 +149,22 @@ HRESULT BasicFunction::Read(IPnt* origin, IRaster*, IPixelBlock* block) {
   }
   LONG column = 0, row = 0;
   PW_RETURN_IF_FAILED(BlockOrigin(origin, &column, &row));
-  return Guard([&] { return ReadImpl(column, row, block); });
+  return Guard([&]() -> HRESULT {
+    if (ReadsAnyBlock()) return ReadImpl(column, row, block);
+    raster::BlockShape shape;
+    PW_RETURN_IF_FAILED(raster::GetShape(block, &shape));
+    LONG type = -1, bands = 0;
+    info_->get_PixelType(&type);
+    info_->get_BandCount(&bands);
+    if (shape.pixelType == type && shape.bands == bands) return ReadImpl(column, row, block);
+    // Computed once in the output's own shape, then converted and its bands repeated.
+    ComPtr<IPixelBlock> own;
+    PW_RETURN_IF_FAILED(raster::CreatePixelBlock(shape.width, shape.height, bands, type, &own));
+    const HRESULT hr = ReadImpl(column, row, own.Get());
+    PW_RETURN_IF_FAILED(hr);
+    PW_RETURN_IF_FAILED(raster::ConvertPixelBlock(own.Get(), block));
+    return hr;
+  });
 }
 
 HRESULT BasicFunction::PrepareArguments(IUnknown* arguments, IRasterFunctionArguments** prepared) {

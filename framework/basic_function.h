@@ -120,9 +120,14 @@ class BasicFunction : public IRasterFunction3,
   BasicFunction(LONG minimumVersion, UINT nameId, UINT descriptionId);
 
   // The function's own steps. BindImpl opens inputs and defines info_; ReadImpl fills a
-  // block of the output at (column, row).
+  // block of the output at (column, row). The block has the output's pixel type and band
+  // count: the caller's own when it has them, else one the base converts into the caller's
+  // afterwards (a band past the output's count repeats its last band).
   virtual HRESULT BindImpl(IRasterFunctionArguments* arguments) = 0;
   virtual HRESULT ReadImpl(LONG column, LONG row, IPixelBlock* block) = 0;
+  // A function that fills blocks of any pixel type and band count itself (by reading its
+  // input straight into them) gets the caller's block as it is.
+  virtual bool ReadsAnyBlock() const { return false; }
   virtual std::u16string_view TypeName() const = 0;
   virtual CLSID ClassId() const = 0;
   // The function's own stream record after the base's: its current version (ordinal

@@ -135,15 +135,15 @@ HRESULT ConvertPixelBlock(IPixelBlock* source, IPixelBlock* target) {
   BlockShape from, to;
   PW_RETURN_IF_FAILED(GetShape(source, &from));
   PW_RETURN_IF_FAILED(GetShape(target, &to));
-  if (from.width != to.width || from.height != to.height || from.bands != to.bands)
-    return E_INVALIDARG;
+  if (from.width != to.width || from.height != to.height || from.bands < 1) return E_INVALIDARG;
   const std::size_t n = from.Pixels();
   const ValueRange range = PixelRange(to.pixelType);
-  for (LONG b = 0; b < from.bands; ++b) {
-    const void* in = source->Buffer(b);
+  for (LONG b = 0; b < to.bands; ++b) {
+    const LONG s = std::min(b, from.bands - 1);
+    const void* in = source->Buffer(s);
     void* out = target->Buffer(b);
     BYTE* outMask = target->Mask(b);
-    std::memcpy(outMask, source->Mask(b), mask::Bytes(n));
+    std::memcpy(outMask, source->Mask(s), mask::Bytes(n));
     const bool ok = VisitPixelTypes(from.pixelType, to.pixelType, [&](auto ti, auto to_) {
       using I = typename decltype(ti)::type;
       using O = typename decltype(to_)::type;

@@ -61,8 +61,9 @@ HRESULT GetShape(IPixelBlock* block, BlockShape* shape);
 // Sets every value of every band to 0 and every cell invalid.
 HRESULT ClearPixelBlock(IPixelBlock* block);
 
-// Copies `source` into `target` (same size and band count) converting each value by the
-// read conversion rule; NaN into an integer type makes the pixel invalid.
+// Copies `source` into `target` (same size) converting each value by the read conversion
+// rule; NaN into an integer type makes the pixel invalid. Target band b takes source band b,
+// or the source's last band past its count.
 HRESULT ConvertPixelBlock(IPixelBlock* source, IPixelBlock* target);
 
 // One pixel as a double, for tests and diagnostics.

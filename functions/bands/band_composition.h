@@ -16,6 +16,7 @@ class BandCompositionFunction : public framework::BasicFunction {
   // Binds the output to `bands` (in output order) and defines "BAND_COUNT".
   HRESULT BindBands(const std::vector<raster::BandReference>& bands);
   HRESULT ReadImpl(LONG column, LONG row, IPixelBlock* block) override;
+  bool ReadsAnyBlock() const override { return true; }
 };
 
 }  // namespace pw::functions

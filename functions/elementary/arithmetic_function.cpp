@@ -452,44 +452,24 @@ HRESULT ArithmeticFunction::BindImpl(IRasterFunctionArguments* arguments) {
     bandNames.push_back(OperationText(operation_, sides[0], sides[1]));
   }
   PW_RETURN_IF_FAILED(NameBands(std::move(bandNames)));
-  first_ = views[0];
-  second_ = views[1];
+  pixelwise_.Clear();
+  for (const ComPtr<IRaster>& view : views) pixelwise_.Add(view.Get(), loadType_);
+  pixelwise_.SetOperands({{0}, {1}});
   inputs_ = {operands[0], operands[1]};
   info_ = info;
   return S_OK;
 }
 
 HRESULT ArithmeticFunction::ReadImpl(LONG column, LONG row, IPixelBlock* block) {
-  if (!first_ || !second_) return E_FAIL;
   if (kernel_ == nullptr) {
     return ReportError(E_NOTIMPL,
                        res::Format(res::IDS_OPERATION_NOT_SUPPORTED, std::u16string(TypeName()),
                                    static_cast<long>(operation_)),
                        ClassId());
   }
-  raster::BlockShape shape;
-  PW_RETURN_IF_FAILED(raster::GetShape(block, &shape));
-  // A block of another type gets the output's values converted.
-  ComPtr<IPixelBlock> target(block);
-  if (shape.pixelType != outputType_)
-    PW_RETURN_IF_FAILED(
-        raster::CreatePixelBlock(shape.width, shape.height, shape.bands, outputType_, &target));
-  ComPtr<IPixelBlock> a, b;
-  PW_RETURN_IF_FAILED(
-      raster::CreatePixelBlock(shape.width, shape.height, shape.bands, loadType_, &a));
-  PW_RETURN_IF_FAILED(
-      raster::CreatePixelBlock(shape.width, shape.height, shape.bands, loadType_, &b));
-  PW_RETURN_IF_FAILED(first_->ReadAt(column, row, a.Get()));
-  PW_RETURN_IF_FAILED(second_->ReadAt(column, row, b.Get()));
-  const std::size_t pixels = shape.Pixels();
-  for (LONG band = 0; band < shape.bands; ++band) {
-    BYTE* mask = target->Mask(band);
-    std::memcpy(mask, a->Mask(band), raster::mask::Bytes(pixels));
-    raster::mask::Intersect(mask, b->Mask(band), raster::mask::Bytes(pixels));
-    kernel_(a->Buffer(band), b->Buffer(band), target->Buffer(band), mask, pixels, params_);
-  }
-  if (target.Get() != block) return raster::ConvertPixelBlock(target.Get(), block);
-  return S_OK;
+  return pixelwise_.Run(column, row, block, [&](const framework::PixelwiseBand& b) {
+    kernel_(b.in[0], b.in[1], b.out, b.mask, b.pixels, params_);
+  });
 }
 
 }  // namespace pw::functions

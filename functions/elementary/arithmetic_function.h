@@ -10,6 +10,7 @@
 
 #include "framework/arguments.h"
 #include "framework/basic_function.h"
+#include "framework/pixelwise.h"
 #include "functions/elementary/arithmetic_kernels.h"
 
 PW_INTERFACE(IArithmeticFunctionArguments, IUnknown) {
@@ -100,7 +101,7 @@ class ArithmeticFunction : public framework::BasicFunction {
   LONG outputType_ = -1;
   arithmetic::Params params_;
   arithmetic::Kernel kernel_ = nullptr;
-  ComPtr<IRaster> first_, second_;  // the operands on the output grid
+  framework::PixelwiseInputs pixelwise_;  // the operands on the output grid
 };
 
 }  // namespace pw::functions

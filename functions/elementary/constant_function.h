@@ -60,6 +60,7 @@ class ConstantFunction : public framework::BasicFunction {
  protected:
   HRESULT BindImpl(IRasterFunctionArguments* arguments) override;
   HRESULT ReadImpl(LONG column, LONG row, IPixelBlock* block) override;
+  bool ReadsAnyBlock() const override { return true; }
 
  private:
   LONG method_ = 0;

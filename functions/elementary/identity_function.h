@@ -21,6 +21,7 @@ class IdentityFunction : public framework::BasicFunction, public ISimpleCollecti
  protected:
   HRESULT BindImpl(IRasterFunctionArguments* arguments) override;
   HRESULT ReadImpl(LONG column, LONG row, IPixelBlock* block) override;
+  bool ReadsAnyBlock() const override { return true; }
   // Documents before ordinal 4 cannot hold it, ordinal 4 takes record version 1, and newer
   // documents the current version, 5.
   std::vector<int> OwnVersions() const override { return {0, 0, 0, 0, 1, 5}; }

@@ -241,33 +241,19 @@ HRESULT NDVIFunction::BindImpl(IRasterFunctionArguments* arguments) {
   info->put_NoData(Variant());
   PW_RETURN_IF_FAILED(RemoveColormapStatsHistograms(info.Get()));
   PW_RETURN_IF_FAILED(NameBands(1, u"NDVI"));
-  prepared_ = prepared;
+  pixelwise_.Clear();
+  pixelwise_.Add(prepared.Get(), inputType_);
+  pixelwise_.SetOperands({{0, 0}, {0, 1}});  // red, near infrared
   inputs_ = {input};
   info_ = info;
   return S_OK;
 }
 
 HRESULT NDVIFunction::ReadImpl(LONG column, LONG row, IPixelBlock* block) {
-  if (!prepared_ || kernel_ == nullptr) return E_FAIL;
-  raster::BlockShape shape;
-  PW_RETURN_IF_FAILED(raster::GetShape(block, &shape));
-  ComPtr<IPixelBlock> target(block);
-  if (shape.pixelType != outputType_)
-    PW_RETURN_IF_FAILED(
-        raster::CreatePixelBlock(shape.width, shape.height, shape.bands, outputType_, &target));
-  ComPtr<IPixelBlock> input;
-  PW_RETURN_IF_FAILED(raster::CreatePixelBlock(shape.width, shape.height, 2, inputType_, &input));
-  PW_RETURN_IF_FAILED(prepared_->ReadAt(column, row, input.Get()));
-  const std::size_t pixels = shape.Pixels();
-  const std::size_t bytes = raster::mask::Bytes(pixels);
-  for (LONG band = 0; band < shape.bands; ++band) {
-    BYTE* mask = target->Mask(band);
-    std::memcpy(mask, input->Mask(0), bytes);
-    raster::mask::Intersect(mask, input->Mask(1), bytes);
-    kernel_(input->Buffer(0), input->Buffer(1), target->Buffer(band), mask, pixels);
-  }
-  if (target.Get() != block) return raster::ConvertPixelBlock(target.Get(), block);
-  return S_OK;
+  if (kernel_ == nullptr) return E_FAIL;
+  return pixelwise_.Run(column, row, block, [&](const framework::PixelwiseBand& b) {
+    kernel_(b.in[0], b.in[1], b.out, b.mask, b.pixels);
+  });
 }
 
 }  // namespace pw::functions

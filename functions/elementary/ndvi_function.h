@@ -9,6 +9,7 @@
 
 #include "framework/arguments.h"
 #include "framework/basic_function.h"
+#include "framework/pixelwise.h"
 #include "functions/elementary/ndvi_kernels.h"
 
 PW_INTERFACE(INDVIFunctionArguments, IUnknown) {
@@ -96,7 +97,7 @@ class NDVIFunction : public framework::BasicFunction {
   bool scientific_ = false;
   LONG inputType_ = -1, outputType_ = -1;
   ndvi::Kernel kernel_ = nullptr;
-  ComPtr<IRaster> prepared_;  // two bands: red, then near infrared
+  framework::PixelwiseInputs pixelwise_;
 };
 
 }  // namespace pw::functions

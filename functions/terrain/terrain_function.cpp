@@ -101,10 +101,6 @@ HRESULT TerrainFunction::ReadImpl(LONG column, LONG row, IPixelBlock* block) {
   raster::BlockShape shape;
   PW_RETURN_IF_FAILED(raster::GetShape(block, &shape));
   if (shape.width < 1 || shape.height < 1) return S_OK;
-  ComPtr<IPixelBlock> target(block);
-  if (shape.pixelType != outputType_ || shape.bands != 1)
-    PW_RETURN_IF_FAILED(
-        raster::CreatePixelBlock(shape.width, shape.height, 1, outputType_, &target));
   // A wide block goes in bands of rows, each read with its one-row margins just before it is
   // computed, so that the input is still in the processor's cache when the engine reads it
   // (a whole 8192-wide strip is not). Bands are a multiple of eight rows, so that each starts
@@ -126,26 +122,10 @@ HRESULT TerrainFunction::ReadImpl(LONG column, LONG row, IPixelBlock* block) {
         static_cast<std::size_t>(first) * static_cast<std::size_t>(shape.width);
     const HRESULT one =
         terrain::Compute(grown->Buffer(0), grown->Mask(0), inputType_, shape.width, rows,
-                         static_cast<std::uint8_t*>(target->Buffer(0)) + cells * outPixel,
-                         target->Mask(0) + cells / 8, outputType_, params, terrain::RowThreads());
+                         static_cast<std::uint8_t*>(block->Buffer(0)) + cells * outPixel,
+                         block->Mask(0) + cells / 8, outputType_, params, terrain::RowThreads());
     PW_RETURN_IF_FAILED(one);
     if (one == S_OK) hr = S_OK;  // S_FALSE only when no band has a valid input cell
-  }
-  if (target.Get() != block) {
-    if (shape.bands == 1) {
-      PW_RETURN_IF_FAILED(raster::ConvertPixelBlock(target.Get(), block));
-    } else {
-      // Every band of a wider block gets the one surface.
-      ComPtr<IPixelBlock> one;
-      PW_RETURN_IF_FAILED(
-          raster::CreatePixelBlock(shape.width, shape.height, 1, shape.pixelType, &one));
-      PW_RETURN_IF_FAILED(raster::ConvertPixelBlock(target.Get(), one.Get()));
-      const std::size_t bytes = shape.Pixels() * raster::PixelSize(shape.pixelType);
-      for (LONG b = 0; b < shape.bands; ++b) {
-        std::memcpy(block->Buffer(b), one->Buffer(0), bytes);
-        std::memcpy(block->Mask(b), one->Mask(0), raster::mask::Bytes(shape.Pixels()));
-      }
-    }
   }
   return hr;
 }

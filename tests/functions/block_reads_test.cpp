@@ -8,6 +8,7 @@
 #include "framework/function_raster.h"
 #include "functions/elementary/arithmetic_function.h"
 #include "raster/gdal/export.h"
+#include "raster/pixel_traits.h"
 #include "raster/raster_view.h"
 #include "tests/functions/function_test_support.h"
 #include "tests/test_support.h"
@@ -36,6 +37,7 @@ class CountingSource : public IRasterSource {
 
 struct ThreeBandChain {
   ObjectPtr<CountingSource> counter;
+  ComPtr<IRasterFunction> function;
   ComPtr<IRaster> output;  // a view of the function's dataset
 };
 
@@ -60,6 +62,7 @@ ThreeBandChain AddOne() {
   EXPECT_EQ(framework::CreateFunctionRasterDataset(function.Get(), arguments.Get(), true, &dataset),
             S_OK);
   EXPECT_EQ(dataset.As<IRasterDataset>()->CreateDefaultRaster(&chain.output), S_OK);
+  chain.function = function;
   return chain;
 }
 
@@ -88,6 +91,35 @@ TEST(BlockReads, AnExportComputesEachStripOnce) {
       << test::LastError();
   // Two strips of 16 rows, each one compute reading three input bands.
   EXPECT_EQ(chain.counter->reads.load(), 2 * 3);
+}
+
+// A caller's block of another pixel type or band count gets the output computed once in its
+// own shape, converted, with bands past the output's count repeating its last band.
+TEST(BlockReads, BlocksOfAnyShapeTakeTheOutputConverted) {
+  ThreeBandChain chain = AddOne();
+  const struct { LONG bands, type; } shapes[] = {{3, 9}, {1, 9}, {5, 9}, {3, 3}, {4, 6}, {2, 10}};
+  auto reference = test::ReadOutput(chain.function.Get());
+  ASSERT_EQ(reference.bands, 3);
+  for (const auto& shape : shapes) {
+    chain.counter->reads = 0;
+    ComPtr<IPixelBlock> block;
+    ASSERT_EQ(raster::CreatePixelBlock(16, 32, shape.bands, shape.type, &block), S_OK);
+    auto origin = MakeObject<raster::Pnt>();
+    origin->PutCoords(0, 0);
+    ASSERT_EQ(chain.function->Read(origin.As<IPnt>().Get(), nullptr, block.Get()), S_OK);
+    EXPECT_EQ(chain.counter->reads.load(), 3) << shape.bands << " bands of type " << shape.type;
+    for (LONG b = 0; b < shape.bands; ++b)
+      for (std::size_t i : {std::size_t{0}, std::size_t{17}, std::size_t{511}}) {
+        double expected = 0;
+        raster::VisitPixelType(shape.type, [&](auto tag) {
+          bool valid = true;
+          expected = static_cast<double>(raster::ConvertValue<typename decltype(tag)::type>(
+              reference.At(std::min<LONG>(b, 2), i), raster::PixelRange(shape.type), &valid));
+        });
+        EXPECT_EQ(raster::PixelValue(block.Get(), b, i), expected)
+            << shape.bands << " bands of type " << shape.type << ", band " << b << ", cell " << i;
+      }
+  }
 }
 
 }  // namespace
