@@ -7,6 +7,7 @@
 #include <stdexcept>
 #include <vector>
 
+#include "raster/algorithms/window.h"
 #include "raster/mask.h"
 #include "raster/pixel_block.h"
 #include "raster/reprojection.h"
@@ -292,31 +293,17 @@ HRESULT Raster::ReadBand(LONG band, LONG column, LONG row, LONG width, LONG heig
 HRESULT Raster::ReadEdgeExtended(LONG band, LONG column, LONG row, LONG width, LONG height,
                                  LONG type, void* out, BYTE* bits, LONG dx, LONG dy) const {
   // On the source's own grid each cell beyond the edge takes the nearest edge cell exactly:
-  // the clamped window is read once and spread.
+  // the cells it takes are read once and spread.
   const RasterGrid& s = sourceInfo_.grid;
-  auto clamp = [](LONG v, LONG count) { return std::clamp<LONG>(v, 0, count - 1); };
-  const LONG c0 = clamp(column + dx, s.columns), c1 = clamp(column + dx + width - 1, s.columns);
-  const LONG r0 = clamp(row + dy, s.rows), r1 = clamp(row + dy + height - 1, s.rows);
-  const LONG w = c1 - c0 + 1, h = r1 - r0 + 1;
+  const AxisMap xs = MapAxis(column + dx, width, s.columns, EdgeMode::kExtend);
+  const AxisMap ys = MapAxis(row + dy, height, s.rows, EdgeMode::kExtend);
   const std::size_t size = PixelSize(type);
-  std::vector<std::uint8_t> values(static_cast<std::size_t>(w) * static_cast<std::size_t>(h) *
-                                   size);
-  std::vector<std::uint8_t> valid(
-      mask::Bytes(static_cast<std::size_t>(w) * static_cast<std::size_t>(h)));
-  PW_RETURN_IF_FAILED(
-      ReadAligned(band, c0 - dx, r0 - dy, w, h, type, values.data(), valid.data(), dx, dy));
-  auto* target = static_cast<std::uint8_t*>(out);
-  for (LONG r = 0; r < height; ++r) {
-    const std::size_t from =
-        static_cast<std::size_t>(clamp(row + dy + r, s.rows) - r0) * static_cast<std::size_t>(w);
-    for (LONG c = 0; c < width; ++c) {
-      const std::size_t i = from + static_cast<std::size_t>(clamp(column + dx + c, s.columns) - c0);
-      const std::size_t o = static_cast<std::size_t>(r) * static_cast<std::size_t>(width) +
-                            static_cast<std::size_t>(c);
-      std::memcpy(target + o * size, values.data() + i * size, size);
-      mask::Put(bits, o, mask::Get(valid.data(), i));
-    }
-  }
+  const std::size_t cells = static_cast<std::size_t>(xs.count) * static_cast<std::size_t>(ys.count);
+  std::vector<std::uint8_t> values(cells * size), valid(mask::Bytes(cells));
+  if (cells > 0)
+    PW_RETURN_IF_FAILED(ReadAligned(band, xs.first - dx, ys.first - dy, xs.count, ys.count, type,
+                                    values.data(), valid.data(), dx, dy));
+  SpreadWindow(values.data(), valid.data(), xs.count, xs, ys, size, out, bits);
   return S_OK;
 }
 

@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <cstring>
 
-#include "raster/algorithms/grown_window.h"
+#include "raster/algorithms/window.h"
 #include "raster/mask.h"
 #include "raster/pixel_block.h"
 #include "raster/raster_view.h"
@@ -101,33 +101,29 @@ HRESULT TerrainFunction::ReadImpl(LONG column, LONG row, IPixelBlock* block) {
   raster::BlockShape shape;
   PW_RETURN_IF_FAILED(raster::GetShape(block, &shape));
   if (shape.width < 1 || shape.height < 1) return S_OK;
-  // A wide block goes in bands of rows, each read with its one-row margins just before it is
-  // computed, so that the input is still in the processor's cache when the engine reads it
-  // (a whole 8192-wide strip is not). Bands are a multiple of eight rows, so that each starts
-  // on a whole byte of the block's mask.
-  const std::size_t rowBytes =
-      (static_cast<std::size_t>(shape.width) + 2) * raster::PixelSize(inputType_);
-  const LONG band = static_cast<LONG>(std::max<std::size_t>(8, kBandBytes / rowBytes / 8 * 8));
+  // The window engine reads each band of rows with its one-cell margins just before it is
+  // computed, so that the input is still in the processor's cache when the engine reads it.
+  raster::WindowSpec spec;
+  spec.margins = raster::Margins::Radius(1);
+  spec.edges = removeEdgeEffect_ ? raster::EdgeMode::kExtend : raster::EdgeMode::kInvalid;
+  spec.pixelType = inputType_;
+  spec.bands = 1;
+  spec.bandBytes = kBandBytes;
   const std::size_t outPixel = raster::PixelSize(outputType_);
-  HRESULT hr = S_FALSE;
-  for (LONG first = 0; first < shape.height; first += band) {
-    const LONG rows = std::min(band, shape.height - first);
-    ComPtr<IPixelBlock> grown;
-    PW_RETURN_IF_FAILED(raster::ReadGrownWindow(dem_.Get(), column, row + first, shape.width, rows,
-                                                1, removeEdgeEffect_, inputType_, &grown, 1));
-    terrain::Params params = params_;
-    params.topY = topY_ - static_cast<double>(row + first) * cellY_;
-    params.cellY = cellY_;
-    const std::size_t cells =
-        static_cast<std::size_t>(first) * static_cast<std::size_t>(shape.width);
-    const HRESULT one =
-        terrain::Compute(grown->Buffer(0), grown->Mask(0), inputType_, shape.width, rows,
-                         static_cast<std::uint8_t*>(block->Buffer(0)) + cells * outPixel,
-                         block->Mask(0) + cells / 8, outputType_, params, terrain::RowThreads());
-    PW_RETURN_IF_FAILED(one);
-    if (one == S_OK) hr = S_OK;  // S_FALSE only when no band has a valid input cell
-  }
-  return hr;
+  return raster::ForEachWindowRows(
+      dem_.Get(), column, row, shape.width, shape.height, spec,
+      [&](const raster::WindowRows& rows) -> HRESULT {
+        terrain::Params params = params_;
+        params.topY = topY_ - static_cast<double>(rows.row) * cellY_;
+        params.cellY = cellY_;
+        const std::size_t cells =
+            static_cast<std::size_t>(rows.firstRow) * static_cast<std::size_t>(rows.width);
+        // S_FALSE when no input cell of the band is valid.
+        return terrain::Compute(
+            rows.window->Buffer(0), rows.window->Mask(0), inputType_, rows.width, rows.rows,
+            static_cast<std::uint8_t*>(block->Buffer(0)) + cells * outPixel,
+            block->Mask(0) + cells / 8, outputType_, params, terrain::RowThreads());
+      });
 }
 
 }  // namespace pw::functions

@@ -5,7 +5,7 @@
 #include <cmath>
 #include <thread>
 
-#include "raster/algorithms/grown_window.h"
+#include "raster/algorithms/window.h"
 #include "raster/band_collection.h"
 #include "raster/mask.h"
 #include "raster/memory_dataset.h"

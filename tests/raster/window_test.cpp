@@ -1,0 +1,159 @@
+// The window engine: where positions beyond the edge read from, and window sums over every
+// window size from 1 x 1 to 7 x 7 (even sizes too), every edge mode and every pixel type,
+// read whole, in tiles that cross every border and corner, and in bands of few rows, all
+// equal to a sum taken straight from the raster.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <string>
+
+#include "raster/algorithms/window.h"
+#include "raster/mask.h"
+#include "raster/memory_dataset.h"
+#include "raster/pixel_block.h"
+
+namespace pw::raster {
+namespace {
+
+TEST(WindowEngine, PositionsBeyondTheEdgeReadByTheMode) {
+  const struct {
+    LONG i, count;
+    LONG invalid, extend, mirror;
+  } cases[] = {
+      {0, 5, 0, 0, 0},  {4, 5, 4, 4, 4},   {-1, 5, -1, 0, 0}, {-2, 5, -1, 0, 1}, {5, 5, -1, 4, 4},
+      {6, 5, -1, 4, 3}, {-5, 5, -1, 0, 4}, {-6, 5, -1, 0, 4}, {10, 5, -1, 4, 0}, {-11, 5, -1, 0, 0},
+      {3, 1, -1, 0, 0}, {-4, 1, -1, 0, 0}, {-1, 2, -1, 0, 0}, {2, 2, -1, 1, 1},  {0, 0, -1, -1, -1},
+  };
+  for (const auto& c : cases) {
+    EXPECT_EQ(EdgeIndex(c.i, c.count, EdgeMode::kInvalid), c.invalid) << c.i << " of " << c.count;
+    EXPECT_EQ(EdgeIndex(c.i, c.count, EdgeMode::kExtend), c.extend) << c.i << " of " << c.count;
+    EXPECT_EQ(EdgeIndex(c.i, c.count, EdgeMode::kMirror), c.mirror) << c.i << " of " << c.count;
+  }
+}
+
+TEST(WindowEngine, EvenWindowsReachFurtherRightAndDown) {
+  EXPECT_EQ(Margins::Window(1, 1), (Margins{0, 0, 0, 0}));
+  EXPECT_EQ(Margins::Window(2, 2), (Margins{0, 0, 1, 1}));
+  EXPECT_EQ(Margins::Window(3, 4), (Margins{1, 1, 1, 2}));
+  EXPECT_EQ(Margins::Window(6, 7), (Margins{2, 3, 3, 3}));
+  EXPECT_EQ(Margins::Window(6, 7).Columns(), 6);
+  EXPECT_EQ(Margins::Window(6, 7).Rows(), 7);
+}
+
+constexpr LONG kColumns = 13, kRows = 11;
+
+// Cell values small enough for every type, and a scatter of invalid cells.
+double Modulus(LONG type) {
+  return type == 0 ? 2 : type == 1 ? 4 : type == 2 ? 16 : 97;
+}
+bool Valid(LONG c, LONG r) {
+  return (c * 7 + r * 11) % 9 != 0;
+}
+double Value(LONG type, LONG c, LONG r) {
+  return std::fmod(c * 5.0 + r * 3.0, Modulus(type)) + (type >= 9 ? 0.25 : 0.0);
+}
+
+struct Sums {
+  std::vector<double> sum;
+  std::vector<int> count;
+  bool operator==(const Sums&) const = default;
+};
+
+// The window sums of the cells (x0 .. x0 + w - 1, y0 .. y0 + h - 1) straight from the
+// raster's cells.
+Sums Reference(LONG type, const Margins& m, EdgeMode mode, LONG x0, LONG y0, LONG w, LONG h) {
+  Sums s{std::vector<double>(static_cast<std::size_t>(w * h)),
+         std::vector<int>(static_cast<std::size_t>(w * h))};
+  for (LONG y = y0; y < y0 + h; ++y)
+    for (LONG x = x0; x < x0 + w; ++x)
+      for (LONG dy = -m.top; dy <= m.bottom; ++dy)
+        for (LONG dx = -m.left; dx <= m.right; ++dx) {
+          const LONG sx = EdgeIndex(x + dx, kColumns, mode), sy = EdgeIndex(y + dy, kRows, mode);
+          if (sx < 0 || sy < 0 || !Valid(sx, sy)) continue;
+          const auto i = static_cast<std::size_t>((y - y0) * w + (x - x0));
+          s.sum[i] += Value(type, sx, sy);
+          ++s.count[i];
+        }
+  return s;
+}
+
+// The same through the engine, in tiles of `tileW` x `tileH` from (x0, y0).
+Sums Engine(IRaster* raster, LONG type, const Margins& m, EdgeMode mode, LONG x0, LONG y0, LONG w,
+            LONG h, LONG tileW, LONG tileH, std::size_t bandBytes, std::string* fault) {
+  Sums s{std::vector<double>(static_cast<std::size_t>(w * h)),
+         std::vector<int>(static_cast<std::size_t>(w * h))};
+  WindowSpec spec{m, mode, type, 1, bandBytes};
+  for (LONG ty = y0; ty < y0 + h; ty += tileH)
+    for (LONG tx = x0; tx < x0 + w; tx += tileW) {
+      const LONG bw = std::min(tileW, x0 + w - tx), bh = std::min(tileH, y0 + h - ty);
+      const HRESULT hr =
+          ForEachWindowRows(raster, tx, ty, bw, bh, spec, [&](const WindowRows& rows) -> HRESULT {
+            if (rows.width != bw || rows.column != tx || rows.row != ty + rows.firstRow)
+              *fault = "band placed wrongly";
+            const std::size_t stride = rows.Stride();
+            for (LONG r = 0; r < rows.rows; ++r)
+              for (LONG c = 0; c < rows.width; ++c) {
+                const bool interior = c >= rows.interiorLeft && c < rows.interiorRight &&
+                                      r >= rows.interiorTop && r < rows.interiorBottom;
+                const LONG x = tx + c, y = rows.row + r;
+                const auto o = static_cast<std::size_t>((y - y0) * w + (x - x0));
+                // A cell is interior exactly when its whole window lies on the raster.
+                const bool onRaster = x - m.left >= 0 && y - m.top >= 0 && x + m.right < kColumns &&
+                                      y + m.bottom < kRows;
+                if (interior != onRaster) *fault = "interior wrong";
+                for (LONG wy = 0; wy < m.Rows(); ++wy)
+                  for (LONG wx = 0; wx < m.Columns(); ++wx) {
+                    const std::size_t i = static_cast<std::size_t>(r + wy) * stride +
+                                          static_cast<std::size_t>(c + wx);
+                    if (!mask::Get(rows.window->Mask(0), i)) continue;
+                    s.sum[o] += PixelValue(rows.window, 0, i);
+                    ++s.count[o];
+                  }
+              }
+            return S_OK;
+          });
+      if (FAILED(hr)) *fault = "read failed";
+    }
+  return s;
+}
+
+TEST(WindowEngine, WindowSumsEqualTheRasterSumsForEverySizeModeAndType) {
+  const EdgeMode modes[] = {EdgeMode::kInvalid, EdgeMode::kExtend, EdgeMode::kMirror};
+  const struct {
+    LONG x0, y0, w, h, tileW, tileH;
+    std::size_t bandBytes;
+  } tilings[] = {
+      {0, 0, kColumns, kRows, kColumns, kRows, std::size_t{2} << 20},  // whole
+      {0, 0, kColumns, kRows, 4, 3, std::size_t{2} << 20},             // tiles at every border
+      {0, 0, kColumns, kRows, kColumns, kRows, 1},                     // bands of 8 rows
+      {-3, -2, kColumns + 6, kRows + 5, 5, 7, 1},  // tiles reaching beyond the raster
+  };
+  for (LONG type = 0; type <= 10; ++type) {
+    auto dataset = MakeMemoryDataset(
+        RasterGrid{0, 0, kColumns, kRows, kColumns, kRows}, 1, type,
+        [&](LONG, LONG c, LONG r) { return Valid(c, r) ? Value(type, c, r) : std::nan(""); });
+    ComPtr<IRaster> raster;
+    ASSERT_EQ(dataset->CreateDefaultRaster(&raster), S_OK);
+    // Every window size on two types; a spread of sizes on the others.
+    const bool everySize = type == 3 || type == 10;
+    for (LONG columns = 1; columns <= 7; ++columns)
+      for (LONG rows = 1; rows <= 7; ++rows) {
+        if (!everySize && !(columns == rows || (columns == 2 && rows == 5))) continue;
+        const Margins m = Margins::Window(columns, rows);
+        for (EdgeMode mode : modes)
+          for (const auto& t : tilings) {
+            std::string fault;
+            const Sums got = Engine(raster.Get(), type, m, mode, t.x0, t.y0, t.w, t.h, t.tileW,
+                                    t.tileH, t.bandBytes, &fault);
+            const Sums want = Reference(type, m, mode, t.x0, t.y0, t.w, t.h);
+            EXPECT_TRUE(fault.empty() && got == want)
+                << fault << ": type " << type << ", window " << columns << " x " << rows
+                << ", mode " << static_cast<int>(mode) << ", tiles " << t.tileW << " x " << t.tileH
+                << " from (" << t.x0 << ", " << t.y0 << ")";
+          }
+      }
+  }
+}
+
+}  // namespace
+}  // namespace pw::raster
