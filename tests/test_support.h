@@ -69,8 +69,9 @@ struct CliResult {
 };
 
 // Runs the pixwerk command line with `arguments`.
-inline CliResult RunCli(const std::string& arguments) {
-  const std::string command = std::string(PIXWERK_CLI) + " " + arguments + " 2>&1";
+// `shell` runs first in the same shell (`ulimit -n 64 &&`, say).
+inline CliResult RunCli(const std::string& arguments, const std::string& shell = "") {
+  const std::string command = shell + std::string(PIXWERK_CLI) + " " + arguments + " 2>&1";
   CliResult r{-1, {}};
   FILE* pipe = popen(command.c_str(), "r");
   if (pipe == nullptr) return r;

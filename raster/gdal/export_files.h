@@ -46,6 +46,4 @@ std::string DiskFullNote(const std::filesystem::path& folder, std::int64_t neede
 // Removes the temporaries of exports to `folder` that ended without cleaning up.
 void RemoveStaleTemporaries(const std::filesystem::path& folder);
 
-
-
 }  // namespace pw::raster::gdal

@@ -18,6 +18,7 @@
 #include <thread>
 
 #include "raster/algorithms/simd_dispatch.h"
+#include "raster/gdal/handle_cache.h"
 #include "raster/mask.h"
 #include "raster/opener.h"
 #include "raster/pixel_traits.h"
@@ -343,9 +344,8 @@ constexpr std::size_t kMostOwners = 8;
 }  // namespace
 
 GdalDataset::~GdalDataset() {
-  for (void* handle : pool_) GDALClose(static_cast<GDALDatasetH>(handle));
-  for (std::size_t i = 0; i < ownerCount_; ++i)
-    if (owners_[i].handle != nullptr) GDALClose(static_cast<GDALDatasetH>(owners_[i].handle));
+  ForgetHandles(this);
+  RemoveBlockRowBytes(blockRowBytes_);
 }
 
 HRESULT GdalDataset::Open(const std::string& name) {
@@ -356,12 +356,18 @@ HRESULT GdalDataset::Open(const std::string& name) {
                  nullptr, nullptr);
   if (h == nullptr)
     return ReportError(STG_E_FILENOTFOUND, "cannot open raster '" + name + "': " + LastGdalError());
-  pool_.push_back(h);
+  AdoptHandle(this, kAnySlot, h);
   const int columns = GDALGetRasterXSize(h), rows = GDALGetRasterYSize(h),
             bands = GDALGetRasterCount(h);
   if (bands < 1) return ReportError(E_INVALIDARG, "raster '" + name + "' has no bands");
   int blockColumns = 0;
   GDALGetBlockSize(GDALGetRasterBand(h, 1), &blockColumns, &blockRows_);
+  blockRowBytes_ = static_cast<std::size_t>(columns) *
+                   static_cast<std::size_t>(std::max(blockRows_, 1)) *
+                   static_cast<std::size_t>(bands) *
+                   static_cast<std::size_t>(
+                       GDALGetDataTypeSizeBytes(GDALGetRasterDataType(GDALGetRasterBand(h, 1))));
+  AddBlockRowBytes(blockRowBytes_);
   // (A file of one row of blocks gains nothing from owners: its windows would only take
   // turns.)
   if (blockRows_ >= kOwnedBlockRows && blockRows_ < rows) {
@@ -476,16 +482,8 @@ HRESULT GdalDataset::Open(const std::string& name) {
   return S_OK;
 }
 
-void* GdalDataset::Borrow() {
-  {
-    std::lock_guard<std::mutex> hold(poolLock_);
-    if (!pool_.empty()) {
-      void* handle = pool_.back();
-      pool_.pop_back();
-      return handle;
-    }
-  }
-  return GDALOpenEx(name_.c_str(), GDAL_OF_RASTER | GDAL_OF_READONLY, nullptr, nullptr, nullptr);
+void* GdalDataset::Borrow(int slot) {
+  return TakeHandle(this, slot, name_);
 }
 
 HRESULT GdalDataset::Lend(std::optional<Lease>* lease) {
@@ -495,9 +493,8 @@ HRESULT GdalDataset::Lend(std::optional<Lease>* lease) {
   return ReportError(E_FAIL, "cannot reopen raster '" + name_ + "': " + LastGdalError());
 }
 
-void GdalDataset::Return(void* handle) {
-  std::lock_guard<std::mutex> hold(poolLock_);
-  pool_.push_back(handle);
+void GdalDataset::Return(int slot, void* handle) {
+  GiveHandle(this, slot, handle);
 }
 
 HRESULT GdalDataset::get_Name(BSTR* name) {
@@ -605,12 +602,16 @@ HRESULT GdalDataset::ReadWindow(LONG band, LONG column, LONG row, LONG width, LO
       }
       std::stable_sort(parts.begin(), parts.end(),
                        [](const Part& a, const Part& b) { return a.to - a.from > b.to - b.from; });
-      // Under the owner's lock; an owner without a handle yet gets the first one.
+      // Under the owner's lock, through the owner's own handle (kept while idle, with its
+      // blocks in GDAL's cache, unless the bound on open handles closes it).
       auto read = [&](const Part& part) -> HRESULT {
-        if (part.owner->handle == nullptr) part.owner->handle = Borrow();
-        if (part.owner->handle == nullptr)
+        const int slot = static_cast<int>(part.owner - owners_.get());
+        void* handle = Borrow(slot);
+        if (handle == nullptr)
           return ReportError(E_FAIL, "cannot reopen raster '" + name_ + "': " + LastGdalError());
-        return readRows(part.owner->handle, part.from, part.to);
+        const HRESULT hr = readRows(handle, part.from, part.to);
+        Return(slot, handle);
+        return hr;
       };
       while (!parts.empty()) {
         bool progressed = false;

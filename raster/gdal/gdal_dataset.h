@@ -80,12 +80,12 @@ class GdalDataset : public IRasterDataset, public IRasterSource, public IRasterW
   const double* GeoTransform() const { return transform_; }
 
  private:
-  // A handle for the calling thread's read, back in the pool when the lease ends.
+  // A handle for the calling thread's read, idle again when the lease ends.
   class Lease {
    public:
-    explicit Lease(GdalDataset* owner) : owner_(owner), handle_(owner->Borrow()) {}
+    explicit Lease(GdalDataset* owner) : owner_(owner), handle_(owner->Borrow(kAnySlot)) {}
     ~Lease() {
-      if (handle_ != nullptr) owner_->Return(handle_);
+      if (handle_ != nullptr) owner_->Return(kAnySlot, handle_);
     }
     Lease(const Lease&) = delete;
     Lease& operator=(const Lease&) = delete;
@@ -95,8 +95,11 @@ class GdalDataset : public IRasterDataset, public IRasterSource, public IRasterW
     GdalDataset* owner_;
     void* handle_;
   };
-  void* Borrow();
-  void Return(void* handle);
+  // Handles come from the process's bounded set of open handles: any of the dataset's
+  // (kAnySlot), or the one of a row-of-blocks owner (its index).
+  static constexpr int kAnySlot = -1;
+  void* Borrow(int slot);
+  void Return(int slot, void* handle);
   // A lease, or null with the reason in the error object.
   HRESULT Lend(std::optional<Lease>* lease);
 
@@ -105,8 +108,6 @@ class GdalDataset : public IRasterDataset, public IRasterSource, public IRasterW
   double transform_[6] = {0, 1, 0, 0, 0, -1};
   std::vector<bool> hasMask_;
   std::vector<ObjectPtr<MemoryBand>> bands_;  // descriptions only (no pixels)
-  std::mutex poolLock_;
-  std::vector<void*> pool_;
   // Windows of a file stored in blocks of many rows are read one row of blocks at a time,
   // each row of blocks always through the same handle (row index modulo the owners): the
   // blocks go through GDAL's cache of that handle only, so a window that needs one line of a
@@ -114,9 +115,9 @@ class GdalDataset : public IRasterDataset, public IRasterSource, public IRasterW
   // instead of reading them from the file again.
   struct Owner {
     std::mutex lock;
-    void* handle = nullptr;
   };
   int blockRows_ = 1;
+  std::size_t blockRowBytes_ = 0;  // one row of blocks of every band
   std::unique_ptr<Owner[]> owners_;
   std::size_t ownerCount_ = 0;
 };

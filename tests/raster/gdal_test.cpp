@@ -16,6 +16,7 @@
 #include "framework/function_raster.h"
 #include "raster/gdal/export.h"
 #include "raster/gdal/gdal_dataset.h"
+#include "raster/gdal/handle_cache.h"
 #include "raster/mask.h"
 #include "raster/opener.h"
 #include "raster/pixel_block.h"
@@ -383,6 +384,54 @@ TEST_P(ConcurrentReads, EqualASingleRead) {
       EXPECT_EQ(whole[i], value) << i;
     }
   }
+}
+
+TEST_F(GdalTest, ManyDatasetsShareABoundedSetOfOpenHandles) {
+  const std::string in = (dir_ / "tiles.tif").string();
+  char** options = CSLSetNameValue(nullptr, "TILED", "YES");
+  options = CSLSetNameValue(options, "BLOCKXSIZE", "16");
+  options = CSLSetNameValue(options, "BLOCKYSIZE", "16");
+  WriteTiff(in, 6, -5, options);
+  CSLDestroy(options);
+  const std::size_t before = OpenHandleCount();
+  constexpr std::size_t kLimit = 4;
+  SetOpenHandleLimit(kLimit);
+  {
+    // Twelve datasets of the file, each with a handle of its own and owners of its rows of
+    // blocks, read by four threads at once.
+    std::vector<ComPtr<IRasterSource>> sources;
+    for (int i = 0; i < 12; ++i) {
+      ComPtr<IRasterDataset> dataset;
+      ASSERT_EQ(OpenDatasetByName(ToUtf16(in), &dataset), S_OK);
+      sources.push_back(dataset.As<IRasterSource>());
+    }
+    EXPECT_LE(OpenHandleCount(), before + kLimit);
+    constexpr LONG kWidth = 37, kHeight = 23;
+    std::vector<std::int16_t> whole(kWidth * kHeight);
+    std::vector<BYTE> wholeMask(mask::Bytes(whole.size()));
+    ASSERT_EQ(sources[0]->ReadWindow(1, 0, 0, kWidth, kHeight, whole.data(), wholeMask.data()),
+              S_OK);
+    std::atomic<int> mismatches{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t)
+      threads.emplace_back([&, t] {
+        std::vector<std::int16_t> values(whole.size());
+        std::vector<BYTE> bits(wholeMask.size());
+        for (int repeat = 0; repeat < 5; ++repeat)
+          for (std::size_t i = 0; i < sources.size(); ++i) {
+            const auto& source = sources[(i + static_cast<std::size_t>(t)) % sources.size()];
+            if (FAILED(source->ReadWindow(1, 0, 0, kWidth, kHeight, values.data(), bits.data())) ||
+                values != whole || bits != wholeMask)
+              ++mismatches;
+          }
+      });
+    for (auto& thread : threads) thread.join();
+    EXPECT_EQ(mismatches.load(), 0);
+    // Reads over, only idle handles stay open, within the limit.
+    EXPECT_LE(OpenHandleCount(), before + kLimit);
+  }
+  EXPECT_EQ(OpenHandleCount(), before);
+  SetOpenHandleLimit(0);
 }
 
 // A view in another spatial reference reads through the warper: each view cell takes the

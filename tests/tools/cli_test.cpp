@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <gdal.h>
+#include <gdal_alg.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -481,6 +482,51 @@ TEST_F(CliLargeRun, ExportsOfOneChainAreByteIdenticalUnderLoad) {
   }
   stop = true;
   for (auto& t : load) t.join();
+}
+
+TEST_F(CliRun, AChainOfManyInputsKeepsItsOpenFilesBoundedAndStoresBandsApart) {
+  // Sixty inputs read by two workers would hold three times as many files as a limit of 64
+  // allows, were open handles not bounded.
+  constexpr int kInputs = 60;
+  std::string rasters;
+  for (int i = 0; i < kInputs; ++i) {
+    const std::string copy = "dem" + std::to_string(i) + ".tif";
+    std::filesystem::copy_file(Path("dem.tif"), Path(copy));
+    rasters += (i == 0 ? "\"" : ", \"") + copy + "\"";
+  }
+  pw::test::WriteFile(
+      dir_ / "stack.json",
+      R"({"function": "CompositeBandFunction", "arguments": {"Rasters": [)" + rasters + "]}}");
+  Result r = RunCli("run " + Path("stack.json") + " -o " + Path("stack.tif") + " --threads 2 -q",
+                    "ulimit -n 64 && ");
+  ASSERT_EQ(r.status, 0) << r.out;
+  GDALAllRegister();
+  GDALDatasetH stack = GDALOpen(Path("stack.tif").c_str(), GA_ReadOnly);
+  GDALDatasetH dem = GDALOpen(Path("dem.tif").c_str(), GA_ReadOnly);
+  ASSERT_NE(stack, nullptr);
+  ASSERT_NE(dem, nullptr);
+  EXPECT_EQ(GDALGetRasterCount(stack), kInputs);
+  // More than four bands are stored band after band unless -co INTERLEAVE says otherwise.
+  EXPECT_STREQ(GDALGetMetadataItem(stack, "INTERLEAVE", "IMAGE_STRUCTURE"), "BAND");
+  for (int band : {1, kInputs}) {
+    const int a = GDALChecksumImage(GDALGetRasterBand(stack, band), 0, 0, 64, 64);
+    const int b = GDALChecksumImage(GDALGetRasterBand(dem, 1), 0, 0, 64, 64);
+    EXPECT_EQ(a, b) << "band " << band;
+  }
+  GDALClose(stack);
+  GDALClose(dem);
+  r = RunCli("run " + Path("stack.json") + " -o " + Path("pixel.tif") +
+             " -q -co INTERLEAVE=PIXEL --cache 64");
+  ASSERT_EQ(r.status, 0) << r.out;
+  GDALDatasetH pixel = GDALOpen(Path("pixel.tif").c_str(), GA_ReadOnly);
+  ASSERT_NE(pixel, nullptr);
+  EXPECT_STREQ(GDALGetMetadataItem(pixel, "INTERLEAVE", "IMAGE_STRUCTURE"), "PIXEL");
+  GDALClose(pixel);
+  for (const char* bad : {"--cache", "--cache 0", "--cache 12x"}) {
+    r = RunCli("run " + Path("stack.json") + " -o " + Path("bad.tif") + " " + bad);
+    EXPECT_EQ(r.status, 2) << bad;
+    EXPECT_NE(r.out.find("--cache needs a size in MB"), std::string::npos) << r.out;
+  }
 }
 
 TEST_F(CliRun, NoDataAndMaskOptionsChooseHowInvalidCellsAreWritten) {
