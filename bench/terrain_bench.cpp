@@ -8,7 +8,9 @@
 #include <thread>
 #include <vector>
 
-#include "functions/terrain/terrain_kernels.h"
+#include "functions/terrain/aspect_formula.h"
+#include "functions/terrain/hillshade_formula.h"
+#include "functions/terrain/slope_formula.h"
 #include "raster/mask.h"
 #include "raster/pixel_traits.h"
 
@@ -41,27 +43,37 @@ const Blocks& Inputs() {
   return blocks;
 }
 
-functions::terrain::Params ParamsFor(int surface) {
-  functions::terrain::Params p;
-  p.fx = p.fy = 1.0 / (8 * 30);
-  p.cellX = p.cellYAspect = 30;
+// The surfaces of 30 m cells: 0 slope, 1 aspect, 2 hillshade, 3 multidirectional hillshade.
+functions::terrain::Surface SurfaceFor(int surface) {
+  namespace terrain = functions::terrain;
+  static const auto slope = [] {
+    terrain::SlopeFormula::Params p;
+    p.fx = p.fy = 1.0 / (8 * 30);
+    return p;
+  }();
+  static const terrain::AspectFormula::Params aspect{30, 30};
+  static const auto shade = [] {
+    terrain::HillshadeFormula::Params p;
+    p.fx = p.fy = 1.0 / (8 * 30);
+    p.light[0] = terrain::MakeLight(315, 45, 1);
+    return p;
+  }();
+  static const auto multidirectional = [] {
+    terrain::HillshadeFormula::Params p = shade;
+    p.lights = 6;
+    for (int k = 0; k < 6; ++k) p.light[k] = terrain::MakeLight(60.0 * k, 60, 1.0 / 6);
+    return p;
+  }();
   switch (surface) {
     case 0:
-      p.surface = functions::terrain::Surface::kSlope;
-      break;
+      return terrain::MakeSurface<terrain::SlopeFormula>(slope);
     case 1:
-      p.surface = functions::terrain::Surface::kAspect;
-      break;
+      return terrain::MakeSurface<terrain::AspectFormula>(aspect);
     case 2:
-      p.surface = functions::terrain::Surface::kHillshade;
-      p.light[0] = functions::terrain::MakeLight(315, 45, 1);
-      break;
+      return terrain::MakeSurface<terrain::HillshadeFormula>(shade);
     default:
-      p.surface = functions::terrain::Surface::kHillshade;
-      p.lights = 6;
-      for (int k = 0; k < 6; ++k) p.light[k] = functions::terrain::MakeLight(60.0 * k, 60, 1.0 / 6);
+      return terrain::MakeSurface<terrain::HillshadeFormula>(multidirectional);
   }
-  return p;
 }
 
 // Args: surface (0 slope, 1 aspect, 2 hillshade, 3 multidirectional), output type, threads.
@@ -70,7 +82,7 @@ void BM_Terrain(benchmark::State& state) {
   const int surface = static_cast<int>(state.range(0));
   const LONG outType = static_cast<LONG>(state.range(1));
   const int threads = static_cast<int>(state.range(2));
-  const functions::terrain::Params params = ParamsFor(surface);
+  const functions::terrain::Surface params = SurfaceFor(surface);
   const std::size_t cells = kSide * kSide;
   std::vector<std::vector<std::uint8_t>> out(
       threads, std::vector<std::uint8_t>(cells * raster::PixelSize(outType)));
@@ -123,7 +135,7 @@ void BM_TerrainStrip(benchmark::State& state) {
     if (i % (kWidth + 2) == 0 || i % (kWidth + 2) == kWidth + 1)
       raster::mask::Clear(mask.data(), i);
   }
-  const functions::terrain::Params params = ParamsFor(static_cast<int>(state.range(0)));
+  const functions::terrain::Surface params = SurfaceFor(static_cast<int>(state.range(0)));
   const LONG outType = static_cast<LONG>(state.range(1));
   std::vector<std::uint8_t> out(cells * raster::PixelSize(outType));
   std::vector<BYTE> outMask(raster::mask::Bytes(cells));

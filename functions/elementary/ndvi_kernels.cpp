@@ -31,69 +31,62 @@ PW_ALWAYS_INLINE double ZeroWhenNoSum(double v, double sum) {
   }
 }
 
-template <class I, class O>
-PW_ALWAYS_INLINE void Scientific(const void* rv, const void* iv, void* ov, BYTE* mask,
-                                 std::size_t n) {
+// out = cell(red, infrared) over the valid pixels of a block.
+template <class I, class O, class Cell>
+PW_ALWAYS_INLINE void EachValid(const void* rv, const void* iv, void* ov, BYTE* mask, std::size_t n,
+                                Cell cell) {
   const I* __restrict red = static_cast<const I*>(rv);
   const I* __restrict infrared = static_cast<const I*>(iv);
   O* __restrict out = static_cast<O*>(ov);
   raster::loop::ForEachValid<false>(mask, n, [&](std::size_t k) PW_INLINE_LAMBDA {
-    if constexpr (kSinglePrecision<I, O>) {
-      const float r = static_cast<float>(red[k]), i = static_cast<float>(infrared[k]);
-      const float s = i + r;
-      const float q = (i - r) / (s == 0.0f ? 1.0f : s);
-      out[k] = s == 0.0f ? 0.0f : q;
-    } else {
-      const double r = static_cast<double>(red[k]), i = static_cast<double>(infrared[k]);
+    out[k] = cell(red[k], infrared[k]);
+    return true;
+  });
+}
+
+template <class I, class O>
+struct Scientific {
+  PW_ALWAYS_INLINE static void Run(const void* rv, const void* iv, void* ov, BYTE* mask,
+                                   std::size_t n) {
+    EachValid<I, O>(rv, iv, ov, mask, n, [](I red, I infrared) PW_INLINE_LAMBDA -> O {
+      if constexpr (kSinglePrecision<I, O>) {
+        const float r = static_cast<float>(red), i = static_cast<float>(infrared);
+        const float s = i + r;
+        const float q = (i - r) / (s == 0.0f ? 1.0f : s);
+        return s == 0.0f ? 0.0f : q;
+      } else {
+        const double r = static_cast<double>(red), i = static_cast<double>(infrared);
+        const double s = i + r;
+        const double q = (i - r) / (s == 0.0 ? 1.0 : s);
+        const double v = ZeroWhenNoSum<I>(q, s);
+        if constexpr (std::is_integral_v<O>) {
+          return raster::StoreTruncated<O>(std::floor(v + 0.5));
+        } else {
+          return static_cast<O>(v);
+        }
+      }
+    });
+  }
+};
+
+template <class I, class O>
+struct Scaled {
+  PW_ALWAYS_INLINE static void Run(const void* rv, const void* iv, void* ov, BYTE* mask,
+                                   std::size_t n) {
+    EachValid<I, O>(rv, iv, ov, mask, n, [](I red, I infrared) PW_INLINE_LAMBDA -> O {
+      const double r = static_cast<double>(red), i = static_cast<double>(infrared);
       const double s = i + r;
       const double q = (i - r) / (s == 0.0 ? 1.0 : s);
-      const double v = ZeroWhenNoSum<I>(q, s);
-      if constexpr (std::is_integral_v<O>) {
-        out[k] = raster::StoreTruncated<O>(std::floor(v + 0.5));
+      const double v = ZeroWhenNoSum<I>(q * 100.0 + 100.0 + 0.5, s);
+      if constexpr (std::is_unsigned_v<I> && std::is_integral_v<O>) {
+        // Non-negative values give an index in [-1, 1], so v lies in [0.5, 200.5].
+        return static_cast<O>(static_cast<std::int32_t>(v));
       } else {
-        out[k] = static_cast<O>(v);
+        return raster::StoreTruncated<O>(std::trunc(v));
       }
-    }
-    return true;
-  });
-}
-
-template <class I, class O>
-PW_ALWAYS_INLINE void Scaled(const void* rv, const void* iv, void* ov, BYTE* mask, std::size_t n) {
-  const I* __restrict red = static_cast<const I*>(rv);
-  const I* __restrict infrared = static_cast<const I*>(iv);
-  O* __restrict out = static_cast<O*>(ov);
-  raster::loop::ForEachValid<false>(mask, n, [&](std::size_t k) PW_INLINE_LAMBDA {
-    const double r = static_cast<double>(red[k]), i = static_cast<double>(infrared[k]);
-    const double s = i + r;
-    const double q = (i - r) / (s == 0.0 ? 1.0 : s);
-    const double v = ZeroWhenNoSum<I>(q * 100.0 + 100.0 + 0.5, s);
-    if constexpr (std::is_unsigned_v<I> && std::is_integral_v<O>) {
-      // Non-negative values give an index in [-1, 1], so v lies in [0.5, 200.5].
-      out[k] = static_cast<O>(static_cast<std::int32_t>(v));
-    } else {
-      out[k] = raster::StoreTruncated<O>(std::trunc(v));
-    }
-    return true;
-  });
-}
-
-// One wrapper per instruction set and mode.
-#define PW_NDVI_WRAPPERS(Suffix, Target)                                                          \
-  template <class I, class O>                                                                     \
-  Target void Scientific##Suffix(const void* r, const void* i, void* o, BYTE* m, std::size_t n) { \
-    Scientific<I, O>(r, i, o, m, n);                                                              \
-  }                                                                                               \
-  template <class I, class O>                                                                     \
-  Target void Scaled##Suffix(const void* r, const void* i, void* o, BYTE* m, std::size_t n) {     \
-    Scaled<I, O>(r, i, o, m, n);                                                                  \
+    });
   }
-PW_NDVI_WRAPPERS(Baseline, )
-#if PW_SIMD_X86
-PW_NDVI_WRAPPERS(Avx2, PW_TARGET_AVX2)
-PW_NDVI_WRAPPERS(Avx512, PW_TARGET_AVX512)
-#endif
-#undef PW_NDVI_WRAPPERS
+};
 
 }  // namespace
 
@@ -102,15 +95,8 @@ Kernel SelectKernel(LONG input, LONG output, bool scientific, raster::simd::Isa 
   raster::VisitPixelTypes(input, output, [&](auto it, auto ot) {
     using I = typename decltype(it)::type;
     using O = typename decltype(ot)::type;
-    kernel = scientific ? &ScientificBaseline<I, O> : &ScaledBaseline<I, O>;
-#if PW_SIMD_X86
-    if (isa == raster::simd::Isa::kAvx2)
-      kernel = scientific ? &ScientificAvx2<I, O> : &ScaledAvx2<I, O>;
-    if (isa == raster::simd::Isa::kAvx512)
-      kernel = scientific ? &ScientificAvx512<I, O> : &ScaledAvx512<I, O>;
-#else
-    (void)isa;
-#endif
+    kernel = scientific ? raster::simd::Variants<Scientific<I, O>, Kernel>::For(isa)
+                        : raster::simd::Variants<Scaled<I, O>, Kernel>::For(isa);
   });
   return kernel;
 }

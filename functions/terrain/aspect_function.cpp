@@ -26,7 +26,7 @@ constexpr framework::ArgumentSpec kArguments[] = {
 PW_DECLARE_ARGUMENTS(AspectFunction, RasterFunctionArguments, kArguments);
 
 AspectFunction::AspectFunction()
-    : TerrainFunction(res::IDS_ASPECT_FUNCTION_NAME, res::IDS_ASPECT_FUNCTION_DESCRIPTION) {}
+    : SurfaceFunction(res::IDS_ASPECT_FUNCTION_NAME, res::IDS_ASPECT_FUNCTION_DESCRIPTION) {}
 
 HRESULT AspectFunction::BindImpl(IRasterFunctionArguments* arguments) {
   auto* args = dynamic_cast<framework::BasicFunctionArguments*>(arguments);
@@ -56,10 +56,7 @@ HRESULT AspectFunction::BindImpl(IRasterFunctionArguments* arguments) {
   PW_RETURN_IF_FAILED(BindElevation(dem, false, 6, u"Aspect"));
   if (!(cellX_ > 0) || !(cellY_ > 0))
     return ChainParamBindError(u"Raster", E_INVALIDARG, framework::kRasterDataset);
-  params_ = terrain::Params{};
-  params_.surface = terrain::Surface::kAspect;
-  params_.cellX = cellX_;
-  params_.cellYAspect = cellY_;
+  params_ = {cellX_, cellY_};
   ChooseDevice(target, deviceId);
   return DefineRasterKeyProperty(res::c_name_DataType, Variant(res::c_value_Generic));
 }

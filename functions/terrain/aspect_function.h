@@ -6,11 +6,12 @@
 
 #include <string_view>
 
+#include "functions/terrain/aspect_formula.h"
 #include "functions/terrain/terrain_function.h"
 
 namespace pw::functions {
 
-class AspectFunction : public TerrainFunction {
+class AspectFunction : public SurfaceFunction<terrain::AspectFormula> {
  public:
   PW_CLASS_IDENTITY(AspectFunction)
   AspectFunction();

@@ -90,7 +90,7 @@ HRESULT HillshadeFunctionArguments::CreateEmpty(BasicFunctionArguments** fresh) 
 // --- the function ------------------------------------------------------------------------
 
 HillshadeFunction::HillshadeFunction()
-    : TerrainFunction(res::IDS_HILLSHADE_FUNCTION_NAME, res::IDS_HILLSHADE_FUNCTION_DESCRIPTION) {}
+    : SurfaceFunction(res::IDS_HILLSHADE_FUNCTION_NAME, res::IDS_HILLSHADE_FUNCTION_DESCRIPTION) {}
 
 HRESULT HillshadeFunction::BindImpl(IRasterFunctionArguments* arguments) {
   auto* args = dynamic_cast<HillshadeFunctionArguments*>(arguments);
@@ -104,9 +104,8 @@ HRESULT HillshadeFunction::BindImpl(IRasterFunctionArguments* arguments) {
                 ClassId());
     return ChainParamBindError(u"HillshadeType", E_NOTIMPL);
   }
-  terrain::Params& p = params_;
-  p = terrain::Params{};
-  p.surface = terrain::Surface::kHillshade;
+  terrain::HillshadeFormula::Params& p = params_;
+  p = {};
   const bool geographic = kind_ == kGeographicGrid;
   const double z = hillshadeType != 0 ? 2 * f.z : f.z;
   double cellX = cellX_, cellY = cellY_;

@@ -6,6 +6,7 @@
 
 #include <string_view>
 
+#include "functions/terrain/hillshade_formula.h"
 #include "functions/terrain/terrain_arguments.h"
 #include "functions/terrain/terrain_function.h"
 
@@ -53,7 +54,7 @@ class HillshadeFunctionArguments : public TerrainArguments<IHillshadeFunctionArg
   HRESULT CreateEmpty(BasicFunctionArguments** fresh) const override;
 };
 
-class HillshadeFunction : public TerrainFunction {
+class HillshadeFunction : public SurfaceFunction<terrain::HillshadeFormula> {
  public:
   PW_CLASS_IDENTITY(HillshadeFunction)
   HillshadeFunction();

@@ -68,7 +68,7 @@ HRESULT SlopeFunctionArguments::CreateEmpty(BasicFunctionArguments** fresh) cons
 // --- the function ------------------------------------------------------------------------
 
 SlopeFunction::SlopeFunction()
-    : TerrainFunction(res::IDS_SLOPE_FUNCTION_NAME, res::IDS_SLOPE_FUNCTION_DESCRIPTION) {}
+    : SurfaceFunction(res::IDS_SLOPE_FUNCTION_NAME, res::IDS_SLOPE_FUNCTION_DESCRIPTION) {}
 
 HRESULT SlopeFunction::BindImpl(IRasterFunctionArguments* arguments) {
   auto* args = dynamic_cast<SlopeFunctionArguments*>(arguments);
@@ -76,9 +76,8 @@ HRESULT SlopeFunction::BindImpl(IRasterFunctionArguments* arguments) {
   PW_RETURN_IF_FAILED(BindElevation(
       args->Elevation(), args->GetBool(u"RemoveEdgeEffect", kRemoveEdgeEffect), 9, u"Slope"));
   const ZFactors f = args->Factors();
-  terrain::Params& p = params_;
-  p = terrain::Params{};
-  p.surface = terrain::Surface::kSlope;
+  terrain::SlopeFormula::Params& p = params_;
+  p = {};
   p.fx = f.z / (8 * cellX_);
   p.fy = f.z / (8 * cellY_);
   if (std::fabs(f.z - 1) < 0.0001 && kind_ == kGeographicGrid) {
@@ -93,6 +92,8 @@ HRESULT SlopeFunction::BindImpl(IRasterFunctionArguments* arguments) {
   }
   p.slopeType = f.slopeType;
   p.mercator = kind_ == kMercatorGrid;
+  p.topY = topY_;
+  p.cellY = cellY_;
   ChooseDevice(args->GetLong(u"AnalysisTargetDevice", kDevice),
                args->GetLong(u"DeviceId", kDeviceId));
   return DefineRasterKeyProperty(res::c_name_DataType, Variant(res::c_value_Generic));

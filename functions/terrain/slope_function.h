@@ -6,6 +6,7 @@
 
 #include <string_view>
 
+#include "functions/terrain/slope_formula.h"
 #include "functions/terrain/terrain_arguments.h"
 #include "functions/terrain/terrain_function.h"
 
@@ -47,7 +48,7 @@ class SlopeFunctionArguments : public TerrainArguments<ISlopeFunctionArguments> 
   HRESULT CreateEmpty(BasicFunctionArguments** fresh) const override;
 };
 
-class SlopeFunction : public TerrainFunction {
+class SlopeFunction : public SurfaceFunction<terrain::SlopeFormula> {
  public:
   PW_CLASS_IDENTITY(SlopeFunction)
   SlopeFunction();

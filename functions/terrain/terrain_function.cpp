@@ -110,19 +110,18 @@ HRESULT TerrainFunction::ReadImpl(LONG column, LONG row, IPixelBlock* block) {
   spec.bands = 1;
   spec.bandBytes = kBandBytes;
   const std::size_t outPixel = raster::PixelSize(outputType_);
+  const terrain::Surface surface = SurfaceOf();
   return raster::ForEachWindowRows(
       dem_.Get(), column, row, shape.width, shape.height, spec,
       [&](const raster::WindowRows& rows) -> HRESULT {
-        terrain::Params params = params_;
-        params.topY = topY_ - static_cast<double>(rows.row) * cellY_;
-        params.cellY = cellY_;
         const std::size_t cells =
             static_cast<std::size_t>(rows.firstRow) * static_cast<std::size_t>(rows.width);
         // S_FALSE when no input cell of the band is valid.
-        return terrain::Compute(
-            rows.window->Buffer(0), rows.window->Mask(0), inputType_, rows.width, rows.rows,
-            static_cast<std::uint8_t*>(block->Buffer(0)) + cells * outPixel,
-            block->Mask(0) + cells / 8, outputType_, params, terrain::RowThreads());
+        return terrain::Compute(rows.window->Buffer(0), rows.window->Mask(0), inputType_,
+                                rows.width, rows.rows,
+                                static_cast<std::uint8_t*>(block->Buffer(0)) + cells * outPixel,
+                                block->Mask(0) + cells / 8, outputType_, surface,
+                                terrain::RowThreads(), raster::simd::Best(), rows.row);
       });
 }
 

@@ -1,10 +1,11 @@
-// The common base of slope, aspect and hillshade: the elevation input (first band only,
-// with its resampling code), the device choice of a build without a GPU service, and the
-// read (the block grown by one cell, the neighbourhood engine, the output type).
+// The common base of the 3 x 3 surfaces (slope, aspect, hillshade): the elevation input
+// (first band only, with its resampling code), the device choice of a build without a GPU
+// service, and the read (bands of rows grown by one cell through the window engine, each
+// computed by the surface engine with the function's own formula).
 #pragma once
 
 #include "framework/basic_function.h"
-#include "functions/terrain/terrain_kernels.h"
+#include "functions/terrain/surface_engine.h"
 
 namespace pw::functions {
 
@@ -27,8 +28,8 @@ class TerrainFunction : public framework::BasicFunction {
   // answers as a service that reports no device.
   void ChooseDevice(LONG targetDevice, LONG deviceId);
 
-  // The engine's constants, set at bind by each function; a read adds its block's top row.
-  terrain::Params params_;
+  // The function's formula over the surface engine, with the constants it set at bind.
+  virtual terrain::Surface SurfaceOf() const = 0;
 
   // Final: a function raster wraps the caller's memory without clearing it on the strength of
   // this read writing every cell's value and bit (WritesWholeBlock).
@@ -43,6 +44,16 @@ class TerrainFunction : public framework::BasicFunction {
   bool gpuDisabled_ = true;
   CoordinateKind kind_ = kPlanarGrid;
   double cellX_ = 0, cellY_ = 0, topY_ = 0;
+};
+
+// A terrain function whose formula is F, with the constants F::Params that its bind sets.
+template <class F>
+class SurfaceFunction : public TerrainFunction {
+ protected:
+  using TerrainFunction::TerrainFunction;
+  terrain::Surface SurfaceOf() const final { return terrain::MakeSurface<F>(params_); }
+
+  typename F::Params params_;
 };
 
 }  // namespace pw::functions

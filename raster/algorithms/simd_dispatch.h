@@ -1,12 +1,13 @@
-// Runtime choice of instruction sets for hot kernels. A kernel body is written once as an
-// always-inlined template and wrapped in one function per instruction set; the compiler
-// vectorizes each wrapper for its set, and the caller picks the best one the processor
-// has, once, when it binds.
+// Runtime choice of instruction sets for hot kernels. A kernel body is written once, as the
+// always-inlined static Run of a struct; Variants<Body, Signature> wraps it in one function
+// per instruction set, which the compiler vectorizes for its set, and For(isa) hands out the
+// one to call, chosen once when a function binds or a block starts:
 //
-//   template <class T> PW_ALWAYS_INLINE void Body(...) { ... }
-//   template <class T> PW_TARGET_AVX512 void BodyAvx512(...) { Body<T>(...); }
-//   template <class T> PW_TARGET_AVX2 void BodyAvx2(...) { Body<T>(...); }
-//   template <class T> void BodyBaseline(...) { Body<T>(...); }
+//   template <class T> struct Scale {
+//     PW_ALWAYS_INLINE static void Run(const T* in, std::size_t n, T* out) { ... }
+//   };
+//   using ScaleFn = void (*)(const T*, std::size_t, T*);
+//   const ScaleFn scale = simd::Variants<Scale<T>, ScaleFn>::For(simd::Best());
 #pragma once
 
 namespace pw::raster::simd {
@@ -37,3 +38,36 @@ const char* Name(Isa isa);
 #define PW_TARGET_AVX512
 #define PW_INLINE_LAMBDA
 #endif
+
+namespace pw::raster::simd {
+
+template <class Body, class Fn>
+struct Variants;
+
+template <class Body, class R, class... A>
+struct Variants<Body, R (*)(A...)> {
+  using Fn = R (*)(A...);
+
+  static R Baseline(A... a) { return Body::Run(a...); }
+#if PW_SIMD_X86
+  PW_TARGET_AVX2 static R Avx2(A... a) {
+    return Body::Run(a...);
+  }
+  PW_TARGET_AVX512 static R Avx512(A... a) {
+    return Body::Run(a...);
+  }
+#endif
+
+  // The variant for `isa`.
+  static Fn For(Isa isa) {
+#if PW_SIMD_X86
+    if (isa == Isa::kAvx512) return &Avx512;
+    if (isa == Isa::kAvx2) return &Avx2;
+#else
+    (void)isa;
+#endif
+    return &Baseline;
+  }
+};
+
+}  // namespace pw::raster::simd

@@ -46,41 +46,16 @@ std::optional<T> NoDataAs(const std::optional<double>& noData) {
 
 // Each value's validity as a byte: not the no-data value (when there is one), not NaN.
 template <class T>
-PW_ALWAYS_INLINE void ValidBytesBody(const T* __restrict v, std::size_t n, bool hasNoData, T none,
-                                     std::uint8_t* __restrict valid) {
-  for (std::size_t i = 0; i < n; ++i) {
-    bool ok = !hasNoData || v[i] != none;
-    if constexpr (std::is_floating_point_v<T>) ok = ok && v[i] == v[i];  // not NaN
-    valid[i] = static_cast<std::uint8_t>(ok);
+struct ValidBytes {
+  PW_ALWAYS_INLINE static void Run(const T* __restrict v, std::size_t n, bool hasNoData, T none,
+                                   std::uint8_t* __restrict valid) {
+    for (std::size_t i = 0; i < n; ++i) {
+      bool ok = !hasNoData || v[i] != none;
+      if constexpr (std::is_floating_point_v<T>) ok = ok && v[i] == v[i];  // not NaN
+      valid[i] = static_cast<std::uint8_t>(ok);
+    }
   }
-}
-template <class T>
-void ValidBytesBaseline(const T* v, std::size_t n, bool hasNoData, T none, std::uint8_t* valid) {
-  ValidBytesBody(v, n, hasNoData, none, valid);
-}
-#if PW_SIMD_X86
-template <class T>
-PW_TARGET_AVX2 void ValidBytesAvx2(const T* v, std::size_t n, bool hasNoData, T none,
-                                   std::uint8_t* valid) {
-  ValidBytesBody(v, n, hasNoData, none, valid);
-}
-template <class T>
-PW_TARGET_AVX512 void ValidBytesAvx512(const T* v, std::size_t n, bool hasNoData, T none,
-                                       std::uint8_t* valid) {
-  ValidBytesBody(v, n, hasNoData, none, valid);
-}
-#endif
-
-template <class T>
-auto PickValidBytes() {
-  auto f = &ValidBytesBaseline<T>;
-#if PW_SIMD_X86
-  const simd::Isa isa = simd::Best();
-  if (isa == simd::Isa::kAvx2) f = &ValidBytesAvx2<T>;
-  if (isa == simd::Isa::kAvx512) f = &ValidBytesAvx512<T>;
-#endif
-  return f;
-}
+};
 
 // Sets the bits first..first+count-1 of `bits` for the valid values: `cover` (a mask or
 // the warper's density, when given) at least `threshold`, not the no-data value, not NaN.
@@ -89,7 +64,9 @@ void MarkValid(const T* values, const std::uint8_t* cover, std::uint8_t threshol
                std::optional<T> noData, BYTE* bits, std::size_t first, std::size_t count) {
   // A chunk's validity as bytes in branch-free loops (vectorized for the processor), then
   // packed into the mask.
-  static const auto validBytes = PickValidBytes<T>();
+  static const auto validBytes =
+      simd::Variants<ValidBytes<T>, void (*)(const T*, std::size_t, bool, T, std::uint8_t*)>::For(
+          simd::Best());
   constexpr std::size_t kChunk = 2048;
   std::uint8_t valid[kChunk];
   const bool hasNoData = noData.has_value();

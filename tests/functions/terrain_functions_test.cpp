@@ -9,9 +9,11 @@
 #include <random>
 
 #include "framework/function_raster.h"
+#include "functions/terrain/aspect_formula.h"
+#include "functions/terrain/hillshade_formula.h"
 #include "functions/terrain/hillshade_function.h"
+#include "functions/terrain/slope_formula.h"
 #include "functions/terrain/slope_function.h"
-#include "functions/terrain/terrain_kernels.h"
 #include "raster/mask.h"
 #include "raster/pixel_block.h"
 #include "raster/pixel_traits.h"
@@ -453,17 +455,22 @@ TEST(TerrainKernels, EqualTheReferenceForEveryTypeAndInstructionSet) {
   std::mt19937 random(3);
   constexpr LONG w = 37, h = 9;
   constexpr std::size_t in = (w + 2) * (h + 2), n = w * h;
-  terrain::Params params[4];
-  params[0].surface = terrain::Surface::kSlope;
-  params[0].fx = 0.3, params[0].fy = 0.2;
-  params[1] = params[0];
-  params[1].slopeType = 2, params[1].mercator = true, params[1].topY = 4e6, params[1].cellY = 30;
-  params[2].surface = terrain::Surface::kAspect;
-  params[2].cellX = 30, params[2].cellYAspect = 25;
-  params[3].surface = terrain::Surface::kHillshade;
-  params[3].fx = 0.05, params[3].fy = 0.04, params[3].lights = 6;
-  for (int k = 0; k < 6; ++k)
-    params[3].light[k] = terrain::MakeLight(60.0 * k, 30 + 10 * k, 1 / 6.0);
+  terrain::SlopeFormula::Params degrees;
+  degrees.fx = 0.3, degrees.fy = 0.2;
+  terrain::SlopeFormula::Params percent = degrees;
+  percent.slopeType = 2, percent.mercator = true, percent.topY = 4e6, percent.cellY = 30;
+  const terrain::AspectFormula::Params aspect{30, 25};
+  terrain::HillshadeFormula::Params shade;
+  shade.fx = 0.05, shade.fy = 0.04, shade.lights = 6;
+  for (int k = 0; k < 6; ++k) shade.light[k] = terrain::MakeLight(60.0 * k, 30 + 10 * k, 1 / 6.0);
+  const struct {
+    const char* name;
+    terrain::Surface surface;
+  } surfaces[] = {
+      {"slope", terrain::MakeSurface<terrain::SlopeFormula>(degrees)},
+      {"percent slope on Mercator", terrain::MakeSurface<terrain::SlopeFormula>(percent)},
+      {"aspect", terrain::MakeSurface<terrain::AspectFormula>(aspect)},
+      {"multidirectional hillshade", terrain::MakeSurface<terrain::HillshadeFormula>(shade)}};
   for (LONG inType = 3; inType <= 10; ++inType) {
     const raster::ValueRange range = raster::PixelRange(inType);
     std::vector<std::uint8_t> values(in * raster::PixelSize(inType));
@@ -479,23 +486,24 @@ TEST(TerrainKernels, EqualTheReferenceForEveryTypeAndInstructionSet) {
       if (holes)
         for (std::size_t i = 0; i < in; ++i)
           if (random() % 9 == 0) raster::mask::Clear(mask.data(), i);
-      for (const auto& p : params) {
+      for (const auto& [name, surface] : surfaces) {
         for (LONG outType : {3L, 4L, 5L, 6L, 8L, 9L, 10L}) {
           const std::size_t size = raster::PixelSize(outType);
           std::vector<std::uint8_t> expected(n * size), expectedMask(raster::mask::Bytes(n));
-          ASSERT_EQ(terrain::ComputeReference(values.data(), mask.data(), inType, w, h,
-                                              expected.data(), expectedMask.data(), outType, p),
-                    S_OK);
+          ASSERT_EQ(
+              terrain::ComputeReference(values.data(), mask.data(), inType, w, h, expected.data(),
+                                        expectedMask.data(), outType, surface),
+              S_OK);
           for (auto isa : test::Isas()) {
             for (int threads : {1, 2}) {
               std::vector<std::uint8_t> got(n * size), gotMask(raster::mask::Bytes(n));
               ASSERT_EQ(terrain::Compute(values.data(), mask.data(), inType, w, h, got.data(),
-                                         gotMask.data(), outType, p, threads, isa),
+                                         gotMask.data(), outType, surface, threads, isa),
                         S_OK);
               ASSERT_EQ(gotMask, expectedMask);
               ASSERT_TRUE(MatchesReference(got, expected, expectedMask, n, outType))
-                  << "in " << inType << " surface " << static_cast<int>(p.surface) << " "
-                  << raster::simd::Name(isa) << " threads " << threads;
+                  << "in " << inType << " " << name << " " << raster::simd::Name(isa) << " threads "
+                  << threads;
             }
           }
         }
@@ -535,23 +543,25 @@ TEST(TerrainKernels, ExtremeSurfacesInFloatOutputsEqualTheReference) {
     for (LONG r = 0; r < h + 2; ++r)
       for (LONG c = 0; c < w + 2; ++c) dem[static_cast<std::size_t>(r * (w + 2) + c)] = s.z(c, r);
     std::vector<std::uint8_t> mask(raster::mask::Bytes(in), 0xFF);
-    for (terrain::Surface surface : {terrain::Surface::kSlope, terrain::Surface::kAspect}) {
-      terrain::Params p;
-      p.surface = surface;
-      p.fx = 1.0 / 240, p.fy = 1.0 / 240;
-      p.cellX = p.cellYAspect = 30;
+    terrain::SlopeFormula::Params slope;
+    slope.fx = 1.0 / 240, slope.fy = 1.0 / 240;
+    const terrain::AspectFormula::Params aspect{30, 30};
+    const std::pair<const char*, terrain::Surface> kinds[] = {
+        {"slope", terrain::MakeSurface<terrain::SlopeFormula>(slope)},
+        {"aspect", terrain::MakeSurface<terrain::AspectFormula>(aspect)}};
+    for (const auto& [name, surface] : kinds) {
       std::vector<std::uint8_t> expected(n * 4), expectedMask(raster::mask::Bytes(n));
       ASSERT_EQ(terrain::ComputeReference(dem.data(), mask.data(), 10, w, h, expected.data(),
-                                          expectedMask.data(), 9, p),
+                                          expectedMask.data(), 9, surface),
                 S_OK);
       for (auto isa : test::Isas()) {
         std::vector<std::uint8_t> got(n * 4), gotMask(raster::mask::Bytes(n));
         ASSERT_EQ(terrain::Compute(dem.data(), mask.data(), 10, w, h, got.data(), gotMask.data(), 9,
-                                   p, 1, isa),
+                                   surface, 1, isa),
                   S_OK);
         EXPECT_EQ(gotMask, expectedMask) << s.what;
         EXPECT_TRUE(MatchesReference(got, expected, expectedMask, n, 9))
-            << s.what << " surface " << static_cast<int>(surface) << " " << raster::simd::Name(isa);
+            << s.what << " " << name << " " << raster::simd::Name(isa);
       }
     }
   }
@@ -562,20 +572,18 @@ TEST(TerrainKernels, ExtremeSurfacesInFloatOutputsEqualTheReference) {
 // column (a strip at the raster's left and right edges).
 TEST(TerrainKernels, WideBlocksWithSparseHolesEqualTheReference) {
   std::mt19937 random(11);
+  enum Kind { kSlope, kAspect, kHillshade };
   struct Case {
     LONG width;
     double factor;  // z-factor over 8 x cell size: the steepness
-    terrain::Surface surface;
+    Kind surface;
     LONG outType;
     bool edgesOnly = false;
   };
-  const Case cases[] = {{1100, 1e-4, terrain::Surface::kSlope, 9},
-                        {1100, 0.01, terrain::Surface::kSlope, 9},
-                        {600, 0.3, terrain::Surface::kSlope, 6},
-                        {1100, 0.02, terrain::Surface::kAspect, 6},
-                        {513, 0.05, terrain::Surface::kHillshade, 3},
-                        {1021, 0.01, terrain::Surface::kSlope, 9, true},
-                        {777, 0.02, terrain::Surface::kAspect, 9, true}};
+  const Case cases[] = {{1100, 1e-4, kSlope, 9},      {1100, 0.01, kSlope, 9},
+                        {600, 0.3, kSlope, 6},        {1100, 0.02, kAspect, 6},
+                        {513, 0.05, kHillshade, 3},   {1021, 0.01, kSlope, 9, true},
+                        {777, 0.02, kAspect, 9, true}};
   constexpr LONG h = 6;
   for (const Case& k : cases) {
     const std::size_t in = static_cast<std::size_t>(k.width + 2) * (h + 2);
@@ -591,11 +599,16 @@ TEST(TerrainKernels, WideBlocksWithSparseHolesEqualTheReference) {
       const bool edge = column == 0 || column == static_cast<std::size_t>(k.width) + 1;
       if (k.edgesOnly ? edge : random() % 400 == 0) raster::mask::Clear(mask.data(), i);
     }
-    terrain::Params p;
-    p.surface = k.surface;
-    p.fx = k.factor, p.fy = 0.8 * k.factor;
-    p.cellX = 30, p.cellYAspect = 30;
-    p.light[0] = terrain::MakeLight(315, 45, 1);
+    terrain::SlopeFormula::Params slope;
+    slope.fx = k.factor, slope.fy = 0.8 * k.factor;
+    const terrain::AspectFormula::Params aspect{30, 30};
+    terrain::HillshadeFormula::Params shade;
+    shade.fx = slope.fx, shade.fy = slope.fy;
+    shade.light[0] = terrain::MakeLight(315, 45, 1);
+    const terrain::Surface p =
+        k.surface == kSlope    ? terrain::MakeSurface<terrain::SlopeFormula>(slope)
+        : k.surface == kAspect ? terrain::MakeSurface<terrain::AspectFormula>(aspect)
+                               : terrain::MakeSurface<terrain::HillshadeFormula>(shade);
     const std::size_t size = raster::PixelSize(k.outType);
     std::vector<std::uint8_t> expected(n * size), expectedMask(raster::mask::Bytes(n));
     ASSERT_EQ(terrain::ComputeReference(dem.data(), mask.data(), 9, k.width, h, expected.data(),
