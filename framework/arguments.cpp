@@ -593,8 +593,7 @@ HRESULT BasicFunctionArguments::Save(IStream* stream, BOOL clearDirty) {
     if (version < 1 || ordinal < persist::DocumentOrdinal(MinimumVersion())) return E_FAIL;
     persist::StreamWriter w(stream);
     PW_RETURN_IF_FAILED(w.Put<std::uint16_t>(static_cast<std::uint16_t>(version)));
-    PW_RETURN_IF_FAILED(persist::Codec<PropertyList>::Write(w, values_));
-    PW_RETURN_IF_FAILED(persist::Codec<PropertyList>::Write(w, properties_));
+    PW_RETURN_IF_FAILED(persist::fields::Write(w, *this, Fields()));
     if (clearDirty) dirty_ = false;
     return S_OK;
   });
@@ -607,11 +606,11 @@ HRESULT BasicFunctionArguments::Load(IStream* stream) {
     std::uint16_t version = 0;
     PW_RETURN_IF_FAILED(r.Get(&version));
     if (version < 1 || version > kArgumentsVersion) return E_FAIL;
-    PropertyList values, properties;
-    PW_RETURN_IF_FAILED(persist::Codec<PropertyList>::Read(r, values));
-    PW_RETURN_IF_FAILED(persist::Codec<PropertyList>::Read(r, properties));
-    values_ = std::move(values);
-    properties_ = std::move(properties);
+    auto saved = persist::fields::Snapshot(*this, Fields());
+    if (const HRESULT hr = persist::fields::Read(r, *this, Fields()); FAILED(hr)) {
+      persist::fields::Restore(*this, Fields(), std::move(saved));
+      return hr;
+    }
     dirty_ = false;
     return S_OK;
   });
@@ -619,23 +618,17 @@ HRESULT BasicFunctionArguments::Load(IStream* stream) {
 
 HRESULT BasicFunctionArguments::Serialize(IXMLSerializeData* data) {
   if (data == nullptr) return E_POINTER;
-  return Guard([&]() -> HRESULT {
-    pugi::xml_node e = *data->Element();
-    PW_RETURN_IF_FAILED(persist::Codec<PropertyList>::ToXml(e, "Values", values_));
-    return persist::Codec<PropertyList>::ToXml(e, "Properties", properties_);
-  });
+  return Guard(
+      [&]() -> HRESULT { return persist::fields::ToXml(*data->Element(), *this, Fields()); });
 }
 
 HRESULT BasicFunctionArguments::Deserialize(IXMLSerializeData* data) {
   if (data == nullptr) return E_POINTER;
   return Guard([&]() -> HRESULT {
-    const pugi::xml_node e = *data->Element();
-    PropertyList values = values_, properties = properties_;
-    PW_RETURN_IF_FAILED(persist::Codec<PropertyList>::FromXml(e, "Values", values));
-    PW_RETURN_IF_FAILED(persist::Codec<PropertyList>::FromXml(e, "Properties", properties));
-    values_ = std::move(values);
-    properties_ = std::move(properties);
-    return S_OK;
+    auto saved = persist::fields::Snapshot(*this, Fields());
+    const HRESULT hr = persist::fields::FromXml(*data->Element(), *this, Fields());
+    if (FAILED(hr)) persist::fields::Restore(*this, Fields(), std::move(saved));
+    return hr;
   });
 }
 
@@ -654,9 +647,7 @@ HRESULT BasicFunctionArguments::SerializeJSONObject(IUnknown*, IJSONObject* json
         PW_RETURN_IF_FAILED(persist::VariantToJson(p.value, &(*j)[key]));
       }
     }
-    if (!properties_.items.empty())
-      PW_RETURN_IF_FAILED(persist::Codec<PropertyList>::ToJson(*j, "properties", properties_));
-    return S_OK;
+    return persist::fields::ToJson(*j, *this, Fields());
   });
 }
 
@@ -711,12 +702,10 @@ HRESULT BasicFunctionArguments::ReadRemainingJson(const Json& json,
     PW_RETURN_IF_FAILED(TryGetValue(name, json, &v));
     Put(name, v);
   }
-  if (const auto it = json.find("properties"); it != json.end()) {
-    PropertyList properties;
-    PW_RETURN_IF_FAILED(persist::Codec<PropertyList>::FromJson(json, "properties", properties));
-    properties_ = std::move(properties);
-  }
-  return S_OK;
+  auto saved = persist::fields::Snapshot(*this, Fields());
+  const HRESULT hr = persist::fields::FromJson(json, *this, Fields());
+  if (FAILED(hr)) persist::fields::Restore(*this, Fields(), std::move(saved));
+  return hr;
 }
 
 HRESULT BasicFunctionArguments::ReadJson(const Json& json) {
@@ -765,8 +754,7 @@ HRESULT BasicFunctionArguments::Clone(IClone** copy) {
     BasicFunctionArguments* fresh = nullptr;
     PW_RETURN_IF_FAILED(CreateEmpty(&fresh));
     ComPtr<IClone> holder = ComPtr<IClone>::Adopt(static_cast<IClone*>(fresh));
-    PW_RETURN_IF_FAILED(persist::Codec<PropertyList>::Copy(fresh->values_, values_));
-    PW_RETURN_IF_FAILED(persist::Codec<PropertyList>::Copy(fresh->properties_, properties_));
+    PW_RETURN_IF_FAILED(persist::fields::Copy(*fresh, *this, Fields()));
     *copy = holder.Detach();
     return S_OK;
   });
@@ -776,8 +764,7 @@ HRESULT BasicFunctionArguments::IsEqual(IClone* other, VARIANT_BOOL* equal) {
   PW_CHECK_POINTER(equal);
   auto* theirs = dynamic_cast<BasicFunctionArguments*>(other);
   *equal = theirs != nullptr && theirs->TypeName() == TypeName() &&
-                   persist::Codec<PropertyList>::Equal(values_, theirs->values_) &&
-                   persist::Codec<PropertyList>::Equal(properties_, theirs->properties_)
+                   persist::fields::Equal(*this, *theirs, Fields())
                ? VARIANT_TRUE
                : VARIANT_FALSE;
   return S_OK;

@@ -130,6 +130,16 @@ class BasicFunctionArguments : public IRasterFunctionArguments2,
   raster::PropertyList values_;
   raster::PropertyList properties_;
   bool dirty_ = false;
+
+ private:
+  // The persisted fields, in the stream's order. JSON gives each value its own key (written
+  // and read by the class) and leaves out the properties while there are none.
+  static constexpr auto Fields() {
+    using A = BasicFunctionArguments;
+    return std::tuple{
+        persist::Field("Values", &A::values_).Json(""),
+        persist::Field("Properties", &A::properties_).Json("properties").JsonWhenSet()};
+  }
 };
 
 // The general arguments class, for functions without one of their own.

@@ -852,11 +852,7 @@ HRESULT BasicFunction::Save(IStream* stream, BOOL clearDirty) {
     if (ordinal < persist::DocumentOrdinal(minimumVersion_) || own < 1) return E_FAIL;
     persist::StreamWriter w(stream);
     PW_RETURN_IF_FAILED(w.Put<std::uint16_t>(kBaseVersion));
-    PW_RETURN_IF_FAILED(w.PutString(name_));
-    PW_RETURN_IF_FAILED(w.PutString(description_));
-    PW_RETURN_IF_FAILED(w.Put(pixelType_));
-    PW_RETURN_IF_FAILED(w.Put<std::int16_t>(resampling_ ? VARIANT_TRUE : VARIANT_FALSE));
-    PW_RETURN_IF_FAILED(persist::Codec<raster::PropertyList>::Write(w, keyProperties_));
+    PW_RETURN_IF_FAILED(persist::fields::Write(w, *this, Fields()));
     // The function's own record: its version from the document version.
     PW_RETURN_IF_FAILED(w.Put<std::uint16_t>(static_cast<std::uint16_t>(own)));
     if (clearDirty) dirty_ = false;
@@ -864,71 +860,48 @@ HRESULT BasicFunction::Save(IStream* stream, BOOL clearDirty) {
   });
 }
 
+template <class Reader>
+HRESULT BasicFunction::ReadFields(Reader&& read, HRESULT invalid) {
+  auto saved = persist::fields::Snapshot(*this, Fields());
+  HRESULT hr = read();
+  if (SUCCEEDED(hr) && pixelType_ != -1 && !raster::IsKnownPixelType(pixelType_)) hr = invalid;
+  if (FAILED(hr)) persist::fields::Restore(*this, Fields(), std::move(saved));
+  return hr;
+}
+
 HRESULT BasicFunction::Load(IStream* stream) {
   if (stream == nullptr) return E_POINTER;
   return Guard([&]() -> HRESULT {
     persist::StreamReader r(stream);
-    std::uint16_t version = 0;
-    PW_RETURN_IF_FAILED(r.Get(&version));
-    if (version < 1 || version > kBaseVersion) return E_FAIL;
-    std::u16string name, description;
-    LONG pixelType = -1;
-    std::int16_t resampling = 0;
-    raster::PropertyList keyProperties;
-    PW_RETURN_IF_FAILED(r.GetString(&name));
-    PW_RETURN_IF_FAILED(r.GetString(&description));
-    PW_RETURN_IF_FAILED(r.Get(&pixelType));
-    PW_RETURN_IF_FAILED(r.Get(&resampling));
-    PW_RETURN_IF_FAILED(persist::Codec<raster::PropertyList>::Read(r, keyProperties));
-    std::uint16_t own = 0;
-    PW_RETURN_IF_FAILED(r.Get(&own));
-    const std::vector<int> versions = OwnVersions();
-    if (own < 1 || versions.empty() || own > *std::max_element(versions.begin(), versions.end()))
-      return E_FAIL;
-    if (pixelType != -1 && !raster::IsKnownPixelType(pixelType)) return E_FAIL;
-    name_ = std::move(name);
-    description_ = std::move(description);
-    pixelType_ = pixelType;
-    resampling_ = resampling != 0;
-    keyProperties_ = std::move(keyProperties);
-    dirty_ = false;
-    return S_OK;
+    return ReadFields(
+        [&]() -> HRESULT {
+          std::uint16_t version = 0;
+          PW_RETURN_IF_FAILED(r.Get(&version));
+          if (version < 1 || version > kBaseVersion) return E_FAIL;
+          PW_RETURN_IF_FAILED(persist::fields::Read(r, *this, Fields()));
+          std::uint16_t own = 0;
+          PW_RETURN_IF_FAILED(r.Get(&own));
+          const std::vector<int> versions = OwnVersions();
+          if (own < 1 || versions.empty() ||
+              own > *std::max_element(versions.begin(), versions.end()))
+            return E_FAIL;
+          dirty_ = false;
+          return S_OK;
+        },
+        E_FAIL);
   });
 }
 
 HRESULT BasicFunction::Serialize(IXMLSerializeData* data) {
   if (data == nullptr) return E_POINTER;
-  return Guard([&]() -> HRESULT {
-    pugi::xml_node e = *data->Element();
-    persist::WriteText(e, "Name", ToUtf8(name_));
-    persist::WriteText(e, "Description", ToUtf8(description_));
-    persist::WriteLong(e, "PixelType", pixelType_);
-    persist::WriteBool(e, "Resampling", resampling_);
-    return persist::Codec<raster::PropertyList>::ToXml(e, "KeyProperties", keyProperties_);
-  });
+  return Guard([&] { return persist::fields::ToXml(*data->Element(), *this, Fields()); });
 }
 
 HRESULT BasicFunction::Deserialize(IXMLSerializeData* data) {
   if (data == nullptr) return E_POINTER;
-  return Guard([&]() -> HRESULT {
-    const pugi::xml_node e = *data->Element();
-    std::u16string name = name_, description = description_;
-    LONG pixelType = pixelType_;
-    bool resampling = resampling_;
-    raster::PropertyList keyProperties = keyProperties_;
-    PW_RETURN_IF_FAILED(persist::ReadString(e, "Name", &name));
-    PW_RETURN_IF_FAILED(persist::ReadString(e, "Description", &description));
-    PW_RETURN_IF_FAILED(persist::ReadLong(e, "PixelType", &pixelType));
-    PW_RETURN_IF_FAILED(persist::ReadBool(e, "Resampling", &resampling));
-    PW_RETURN_IF_FAILED(
-        persist::Codec<raster::PropertyList>::FromXml(e, "KeyProperties", keyProperties));
-    if (pixelType != -1 && !raster::IsKnownPixelType(pixelType)) return E_INVALIDARG;
-    name_ = std::move(name);
-    description_ = std::move(description);
-    pixelType_ = pixelType;
-    resampling_ = resampling;
-    keyProperties_ = std::move(keyProperties);
-    return S_OK;
+  return Guard([&] {
+    return ReadFields([&] { return persist::fields::FromXml(*data->Element(), *this, Fields()); },
+                      E_INVALIDARG);
   });
 }
 
@@ -938,38 +911,15 @@ HRESULT BasicFunction::SerializeJSONObject(IUnknown*, IJSONObject* json) {
   return Guard([&]() -> HRESULT {
     *j = Json::object();
     (*j)["type"] = ToUtf8(TypeName());
-    (*j)["name"] = ToUtf8(name_);
-    (*j)["description"] = ToUtf8(description_);
-    (*j)["pixelType"] = pixelType_;
-    (*j)["resampling"] = resampling_;
-    if (!keyProperties_.items.empty())
-      PW_RETURN_IF_FAILED(
-          persist::Codec<raster::PropertyList>::ToJson(*j, "keyProperties", keyProperties_));
-    return S_OK;
+    return persist::fields::ToJson(*j, *this, Fields());
   });
 }
 
 HRESULT BasicFunction::DeserializeJSONObject(IUnknown*, IJSONObject* json) {
   const Json* j = persist::JsonOf(json);
   if (j == nullptr || !j->is_object()) return E_INVALIDARG;
-  return Guard([&]() -> HRESULT {
-    std::u16string name = name_, description = description_;
-    LONG pixelType = pixelType_;
-    bool resampling = resampling_;
-    raster::PropertyList keyProperties = keyProperties_;
-    PW_RETURN_IF_FAILED(persist::GetString(*j, "name", &name));
-    PW_RETURN_IF_FAILED(persist::GetString(*j, "description", &description));
-    PW_RETURN_IF_FAILED(persist::GetLong(*j, "pixelType", &pixelType));
-    PW_RETURN_IF_FAILED(persist::GetBool(*j, "resampling", &resampling));
-    PW_RETURN_IF_FAILED(
-        persist::Codec<raster::PropertyList>::FromJson(*j, "keyProperties", keyProperties));
-    if (pixelType != -1 && !raster::IsKnownPixelType(pixelType)) return E_INVALIDARG;
-    name_ = std::move(name);
-    description_ = std::move(description);
-    pixelType_ = pixelType;
-    resampling_ = resampling;
-    keyProperties_ = std::move(keyProperties);
-    return S_OK;
+  return Guard([&] {
+    return ReadFields([&] { return persist::fields::FromJson(*j, *this, Fields()); }, E_INVALIDARG);
   });
 }
 

@@ -211,6 +211,23 @@ class BasicFunction : public IRasterFunction3,
   std::vector<std::u16string> invalidated_;
   LONG invalidDatasetProperties_ = 0;
   bool dirty_ = false;
+
+ private:
+  // The persisted fields, in the stream's order; JSON keys start in lower case, and JSON
+  // leaves out key properties while there are none.
+  static constexpr auto Fields() {
+    using F = BasicFunction;
+    return std::tuple{
+        persist::Field("Name", &F::name_).Json("name"),
+        persist::Field("Description", &F::description_).Json("description"),
+        persist::Field("PixelType", &F::pixelType_).Json("pixelType"),
+        persist::Field("Resampling", &F::resampling_).Json("resampling"),
+        persist::Field("KeyProperties", &F::keyProperties_).Json("keyProperties").JsonWhenSet()};
+  }
+  // Reads the fields through `read`, keeping the values as they were when it fails or gives
+  // a pixel type that does not exist.
+  template <class Reader>
+  HRESULT ReadFields(Reader&& read, HRESULT invalid);
 };
 
 // Output pixel location of a block origin given as a point.

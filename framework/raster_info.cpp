@@ -59,34 +59,6 @@ bool ContainsNoCase(std::u16string_view text, std::u16string_view part) {
   return false;
 }
 
-// Objects compare and copy through IClone; lists element by element.
-template <class T>
-bool Same(const ComPtr<T>& a, const ComPtr<T>& b) {
-  return persist::ObjectEquals(a.Get(), b.Get());
-}
-template <class T>
-bool Same(const std::vector<ComPtr<T>>& a, const std::vector<ComPtr<T>>& b) {
-  if (a.size() != b.size()) return false;
-  for (std::size_t i = 0; i < a.size(); ++i)
-    if (!Same(a[i], b[i])) return false;
-  return true;
-}
-
-template <class T>
-HRESULT DeepCopy(ComPtr<T>& to, const ComPtr<T>& from) {
-  ComPtr<IUnknown> copy;
-  PW_RETURN_IF_FAILED(persist::CloneObject(from.Get(), &copy));
-  to = copy ? copy.template As<T>() : ComPtr<T>();
-  return S_OK;
-}
-template <class T>
-HRESULT DeepCopy(std::vector<ComPtr<T>>& to, const std::vector<ComPtr<T>>& from) {
-  std::vector<ComPtr<T>> copies(from.size());
-  for (std::size_t i = 0; i < from.size(); ++i) PW_RETURN_IF_FAILED(DeepCopy(copies[i], from[i]));
-  to = std::move(copies);
-  return S_OK;
-}
-
 std::string IndexedName(std::u16string_view type, std::size_t index) {
   return res::FormatUtf8(res::IDS_FORMAT_INDEXED_NAME, ToUtf8(type), static_cast<long>(index));
 }
@@ -449,80 +421,13 @@ HRESULT RasterInfo::put_AuxiliaryItemCount(LONG count) {
 
 // --- IClone ------------------------------------------------------------------------------
 
-HRESULT RasterInfo::EachField(const RasterInfo& o, bool copy) {
-  // One list of the fields serves both copying and comparing.
-  HRESULT result = S_OK;
-  auto object = [&](auto& mine, const auto& theirs) {
-    if (result != S_OK) return;
-    if (copy) {
-      result = DeepCopy(mine, theirs);
-    } else if (!Same(mine, theirs)) {
-      result = S_FALSE;
-    }
-  };
-  auto value = [&](auto& mine, const auto& theirs) {
-    if (result != S_OK) return;
-    if (copy) {
-      mine = theirs;
-    } else if (!(mine == theirs)) {
-      result = S_FALSE;
-    }
-  };
-  auto real = [&](double& mine, double theirs) {
-    if (result != S_OK) return;
-    if (copy) {
-      mine = theirs;
-    } else if (!persist::SameDouble(mine, theirs)) {
-      result = S_FALSE;
-    }
-  };
-  object(xform_, o.xform_);
-  object(extent_, o.extent_);
-  object(nativeReference_, o.nativeReference_);
-  object(nativeExtent_, o.nativeExtent_);
-  object(origin_, o.origin_);
-  object(auxiliarySource_, o.auxiliarySource_);
-  object(colormap_, o.colormap_);
-  object(levels_, o.levels_);
-  object(properties_, o.properties_);
-  object(mdInfo_, o.mdInfo_);
-  object(statistics_, o.statistics_);
-  object(histograms_, o.histograms_);
-  if (result == S_OK) {
-    if (copy) {
-      result = VariantCopy(&noData_, &o.noData_);
-    } else if (!persist::VariantEquals(noData_, o.noData_)) {
-      result = S_FALSE;
-    }
-  }
-  real(pixelSizeX_, o.pixelSizeX_);
-  real(pixelSizeY_, o.pixelSizeY_);
-  value(bandCount_, o.bandCount_);
-  value(blockWidth_, o.blockWidth_);
-  value(blockHeight_, o.blockHeight_);
-  value(firstPyramidLevel_, o.firstPyramidLevel_);
-  value(maximumPyramidLevel_, o.maximumPyramidLevel_);
-  value(pixelType_, o.pixelType_);
-  value(flag1_, o.flag1_);
-  value(flag2_, o.flag2_);
-  value(format_, o.format_);
-  value(compressionType_, o.compressionType_);
-  object(auxiliaryPoint_, o.auxiliaryPoint_);
-  value(pyramidResamplingType_, o.pyramidResamplingType_);
-  value(packetSize_, o.packetSize_);
-  value(compressionQuality_, o.compressionQuality_);
-  object(auxiliaryProvider_, o.auxiliaryProvider_);
-  value(auxiliaryCount_, o.auxiliaryCount_);
-  value(auxiliaryCapacity_, o.auxiliaryCapacity_);
-  return result;
-}
-
 HRESULT RasterInfo::Clone(IClone** copy) {
   PW_CHECK_POINTER(copy);
   *copy = nullptr;
   return Guard([&]() -> HRESULT {
     auto fresh = MakeObject<RasterInfo>();
-    PW_RETURN_IF_FAILED(fresh->EachField(*this, true));
+    RasterInfo& target = *fresh.Get();
+    PW_RETURN_IF_FAILED(persist::fields::Copy(target, *this, Fields()));
     *copy = static_cast<IClone*>(fresh.Detach());
     return S_OK;
   });
@@ -533,9 +438,7 @@ HRESULT RasterInfo::IsEqual(IClone* other, VARIANT_BOOL* equal) {
   *equal = VARIANT_FALSE;
   auto* theirs = dynamic_cast<RasterInfo*>(other);
   if (theirs == nullptr) return S_OK;
-  const HRESULT same = const_cast<RasterInfo*>(this)->EachField(*theirs, false);
-  if (FAILED(same)) return same;
-  *equal = same == S_OK ? VARIANT_TRUE : VARIANT_FALSE;
+  *equal = persist::fields::Equal(*this, *theirs, Fields()) ? VARIANT_TRUE : VARIANT_FALSE;
   return S_OK;
 }
 
@@ -575,40 +478,7 @@ HRESULT RasterInfo::LoadImpl(IStream* stream) {
   PW_RETURN_IF_FAILED(r.Get(&version));
   if (version < 1 || version > kCurrentVersion) return E_FAIL;
   // Each field is kept as soon as it is read; a failure leaves the rest as they were.
-  PW_RETURN_IF_FAILED(r.GetObjectAs<IGeodataXform>(&xform_));
-  PW_RETURN_IF_FAILED(r.GetObjectAs<IEnvelope>(&extent_));
-  PW_RETURN_IF_FAILED(r.GetObjectAs<ISpatialReference>(&nativeReference_));
-  PW_RETURN_IF_FAILED(r.GetObjectAs<IEnvelope>(&nativeExtent_));
-  PW_RETURN_IF_FAILED(r.Get(&pixelSizeX_));
-  PW_RETURN_IF_FAILED(r.Get(&pixelSizeY_));
-  PW_RETURN_IF_FAILED(r.Get(&bandCount_));
-  PW_RETURN_IF_FAILED(r.Get(&pixelType_));
-  PW_RETURN_IF_FAILED(r.GetVariant(&noData_));
-  PW_RETURN_IF_FAILED(r.Get(&blockWidth_));
-  PW_RETURN_IF_FAILED(r.Get(&blockHeight_));
-  PW_RETURN_IF_FAILED(r.Get(&firstPyramidLevel_));
-  PW_RETURN_IF_FAILED(r.Get(&maximumPyramidLevel_));
-  PW_RETURN_IF_FAILED(r.Get(&flag1_));
-  if (version >= 2) PW_RETURN_IF_FAILED(r.GetObjectAs<IPnt>(&origin_));
-  if (version >= 3) PW_RETURN_IF_FAILED(r.GetString(&format_));
-  if (version >= 4) {
-    std::uint32_t n = 0;
-    PW_RETURN_IF_FAILED(r.Get(&n));
-    for (std::uint32_t i = 0; i < n; ++i) {
-      ComPtr<IRasterStatistics> s;
-      PW_RETURN_IF_FAILED(r.GetObjectAs<IRasterStatistics>(&s));
-      statistics_.push_back(std::move(s));
-    }
-    PW_RETURN_IF_FAILED(r.Get(&n));
-    for (std::uint32_t i = 0; i < n; ++i) {
-      ComPtr<IRasterHistogram> h;
-      PW_RETURN_IF_FAILED(r.GetObjectAs<IRasterHistogram>(&h));
-      histograms_.push_back(std::move(h));
-    }
-  }
-  if (version >= 5) PW_RETURN_IF_FAILED(r.GetObjectAs<IRasterColormap>(&colormap_));
-  if (version >= 6) PW_RETURN_IF_FAILED(r.GetObjectAs<IPnt>(&auxiliaryPoint_));
-  if (version >= 7) PW_RETURN_IF_FAILED(r.Get(&pyramidResamplingType_));
+  PW_RETURN_IF_FAILED(persist::fields::Read(r, *this, Fields(), version));
   if (version >= 8) {
     PW_RETURN_IF_FAILED(r.Get(&auxiliaryCount_));
     PW_RETURN_IF_FAILED(r.Get(&auxiliaryCapacity_));
@@ -624,31 +494,7 @@ HRESULT RasterInfo::SaveImpl(IStream* stream) {
   if (version < 1) return E_FAIL;
   persist::StreamWriter w(stream);
   PW_RETURN_IF_FAILED(w.Put<std::uint16_t>(static_cast<std::uint16_t>(version)));
-  PW_RETURN_IF_FAILED(w.PutObject(xform_.Get()));
-  PW_RETURN_IF_FAILED(w.PutObject(extent_.Get()));
-  PW_RETURN_IF_FAILED(w.PutObject(nativeReference_.Get()));
-  PW_RETURN_IF_FAILED(w.PutObject(nativeExtent_.Get()));
-  PW_RETURN_IF_FAILED(w.Put(pixelSizeX_));
-  PW_RETURN_IF_FAILED(w.Put(pixelSizeY_));
-  PW_RETURN_IF_FAILED(w.Put(bandCount_));
-  PW_RETURN_IF_FAILED(w.Put(pixelType_));
-  PW_RETURN_IF_FAILED(w.PutVariant(noData_));
-  PW_RETURN_IF_FAILED(w.Put(blockWidth_));
-  PW_RETURN_IF_FAILED(w.Put(blockHeight_));
-  PW_RETURN_IF_FAILED(w.Put(firstPyramidLevel_));
-  PW_RETURN_IF_FAILED(w.Put(maximumPyramidLevel_));
-  PW_RETURN_IF_FAILED(w.Put(flag1_));
-  if (version >= 2) PW_RETURN_IF_FAILED(w.PutObject(origin_.Get()));
-  if (version >= 3) PW_RETURN_IF_FAILED(w.PutString(format_));
-  if (version >= 4) {
-    PW_RETURN_IF_FAILED(w.Put<std::uint32_t>(static_cast<std::uint32_t>(statistics_.size())));
-    for (const auto& s : statistics_) PW_RETURN_IF_FAILED(w.PutObject(s.Get()));
-    PW_RETURN_IF_FAILED(w.Put<std::uint32_t>(static_cast<std::uint32_t>(histograms_.size())));
-    for (const auto& h : histograms_) PW_RETURN_IF_FAILED(w.PutObject(h.Get()));
-  }
-  if (version >= 5) PW_RETURN_IF_FAILED(w.PutObject(colormap_.Get()));
-  if (version >= 6) PW_RETURN_IF_FAILED(w.PutObject(auxiliaryPoint_.Get()));
-  if (version >= 7) PW_RETURN_IF_FAILED(w.Put(pyramidResamplingType_));
+  PW_RETURN_IF_FAILED(persist::fields::Write(w, *this, Fields(), version));
   if (version >= 8) {
     LONG count = 0;
     PW_RETURN_IF_FAILED(get_AuxiliaryItemCount(&count));

@@ -244,7 +244,46 @@ class RasterInfo : public IRasterInfo3,
   HRESULT PutIndexed(std::vector<ComPtr<T>>& list, LONG index, T* item);
   template <class T>
   HRESULT Assign(T& field, const T& value);
-  HRESULT EachField(const RasterInfo& other, bool copy);
+  // Every field, for copies and comparisons, in the stream's order with the record version
+  // that added each; the fields after pyramidResamplingType_ are not streamed this way (the
+  // auxiliary items of version 8 are written from the count and provider by hand). The XML
+  // and JSON forms have names, encodings and fields of their own and are written by hand.
+  static constexpr auto Fields() {
+    using R = RasterInfo;
+    using persist::Field;
+    return std::tuple{Field("GeodataXform", &R::xform_),
+                      Field("Extent", &R::extent_),
+                      Field("NativeSpatialReference", &R::nativeReference_),
+                      Field("NativeExtent", &R::nativeExtent_),
+                      Field("PixelSizeX", &R::pixelSizeX_),
+                      Field("PixelSizeY", &R::pixelSizeY_),
+                      Field("BandCount", &R::bandCount_),
+                      Field("PixelType", &R::pixelType_),
+                      Field("NoData", &R::noData_),
+                      Field("BlockWidth", &R::blockWidth_),
+                      Field("BlockHeight", &R::blockHeight_),
+                      Field("FirstPyramidLevel", &R::firstPyramidLevel_),
+                      Field("MaximumPyramidLevel", &R::maximumPyramidLevel_),
+                      Field("Flag1", &R::flag1_),
+                      Field("Origin", &R::origin_).Since(2),
+                      Field("Format", &R::format_).Since(3),
+                      Field("Statistics", &R::statistics_).Since(4),
+                      Field("Histograms", &R::histograms_).Since(4),
+                      Field("Colormap", &R::colormap_).Since(5),
+                      Field("AuxiliaryPoint", &R::auxiliaryPoint_).Since(6),
+                      Field("PyramidResamplingType", &R::pyramidResamplingType_).Since(7),
+                      Field("AuxiliarySource", &R::auxiliarySource_).Since(0),
+                      Field("LODInfos", &R::levels_).Since(0),
+                      Field("Properties", &R::properties_).Since(0),
+                      Field("MdInfo", &R::mdInfo_).Since(0),
+                      Field("Flag2", &R::flag2_).Since(0),
+                      Field("CompressionType", &R::compressionType_).Since(0),
+                      Field("PacketSize", &R::packetSize_).Since(0),
+                      Field("CompressionQuality", &R::compressionQuality_).Since(0),
+                      Field("AuxiliaryProvider", &R::auxiliaryProvider_).Since(0),
+                      Field("AuxiliaryCount", &R::auxiliaryCount_).Since(0),
+                      Field("AuxiliaryCapacity", &R::auxiliaryCapacity_).Since(0)};
+  }
 
   // Fields in declaration order.
   ComPtr<IGeodataXform> xform_;

@@ -1,5 +1,6 @@
 // ValueObject<Derived, Interfaces...>: equality, deep copy and the three persistence
-// forms of a value class, written once over the list of its fields.
+// forms of a value class, written once over the list of its fields. The same operations on
+// any class's field table are in persist::fields, for classes that persist more than fields.
 //
 // A value class lists its fields once:
 //
@@ -138,6 +139,37 @@ struct Codec<Variant> {
   }
   static bool Equal(const Variant& a, const Variant& b) { return VariantEquals(a, b); }
   static HRESULT Copy(Variant& d, const Variant& s) { return VariantCopy(&d, &s); }
+};
+
+template <>
+struct Codec<USHORT> {
+  static HRESULT Write(StreamWriter& w, const USHORT& v) { return w.Put(v); }
+  static HRESULT Read(StreamReader& r, USHORT& v) { return r.Get(&v); }
+  static bool Equal(const USHORT& a, const USHORT& b) { return a == b; }
+  static HRESULT Copy(USHORT& d, const USHORT& s) { return d = s, S_OK; }
+};
+
+// A bare object pointer: written with its class identifier, compared and deep-copied through
+// IClone (the same object when it cannot be cloned). Classes with their own XML and JSON
+// names for objects write those forms themselves.
+template <class I>
+struct Codec<ComPtr<I>> {
+  static HRESULT Write(StreamWriter& w, const ComPtr<I>& v) { return w.PutObject(v.Get()); }
+  static HRESULT Read(StreamReader& r, ComPtr<I>& v) {
+    ComPtr<I> read;
+    PW_RETURN_IF_FAILED(r.GetObjectAs<I>(&read));
+    v = std::move(read);
+    return S_OK;
+  }
+  static bool Equal(const ComPtr<I>& a, const ComPtr<I>& b) {
+    return ObjectEquals(a.Get(), b.Get());
+  }
+  static HRESULT Copy(ComPtr<I>& d, const ComPtr<I>& s) {
+    ComPtr<IUnknown> copy;
+    PW_RETURN_IF_FAILED(CloneObject(s.Get(), &copy));
+    d = copy ? copy.template As<I>() : ComPtr<I>();
+    return S_OK;
+  }
 };
 
 // Lists are written as a 32-bit count and the elements (stream), <Item> children (XML)
@@ -338,19 +370,154 @@ HRESULT FromJson(const Json& j, const char* k, T& v, std::u16string_view type) {
 }
 }  // namespace detail
 
-// One field of a value class: its XML name, the member, and for object fields the type
-// read back when the XML element or JSON value does not name one.
+// One field of a class: its XML name, the member, for object fields the type read back when
+// the XML element or JSON value does not name one, its JSON key (by default the XML name
+// through AsJSONName; empty: not in JSON), whether JSON leaves it out while it is empty, and
+// the stream record version that added it.
 template <class C, class T>
 struct FieldDef {
   const char* name;
   T C::*member;
   std::u16string_view type;
+  const char* json = nullptr;
+  bool jsonWhenSet = false;
+  std::uint16_t since = 1;  // the first stream record version with the field; 0: never
+
+  // The field in stream records of version `version` and later (0: in none).
+  constexpr FieldDef Since(std::uint16_t version) const {
+    FieldDef f = *this;
+    f.since = version;
+    return f;
+  }
+
+  // The field under another JSON key ("" leaves it out of JSON).
+  constexpr FieldDef Json(const char* key) const {
+    FieldDef f = *this;
+    f.json = key;
+    return f;
+  }
+  // JSON writes the field only when it differs from an empty value.
+  constexpr FieldDef JsonWhenSet() const {
+    FieldDef f = *this;
+    f.jsonWhenSet = true;
+    return f;
+  }
 };
 
 template <class C, class T>
 constexpr FieldDef<C, T> Field(const char* name, T C::*member, std::u16string_view type = {}) {
   return FieldDef<C, T>{name, member, type};
 }
+
+// The operations of a field table (a tuple of FieldDefs over class C), each in the table's
+// order, stopping at the first field that does not give S_OK. Classes that persist more than
+// their fields (a version, a type name, values of their own shape) call these around it.
+namespace fields {
+
+template <class Fields, class Op>
+HRESULT Each(const Fields& table, Op&& op) {
+  HRESULT hr = S_OK;
+  std::apply([&](const auto&... f) { ((hr == S_OK ? (hr = op(f), 0) : 0), ...); }, table);
+  return hr;
+}
+
+template <class C, class Fields>
+HRESULT Copy(C& to, const C& from, const Fields& table) {
+  return Each(table, [&](const auto& f) {
+    using T = std::remove_cvref_t<decltype(from.*(f.member))>;
+    return Codec<T>::Copy(to.*(f.member), from.*(f.member));
+  });
+}
+
+template <class C, class Fields>
+bool Equal(const C& a, const C& b, const Fields& table) {
+  return Each(table, [&](const auto& f) {
+           using T = std::remove_cvref_t<decltype(a.*(f.member))>;
+           return Codec<T>::Equal(a.*(f.member), b.*(f.member)) ? S_OK : S_FALSE;
+         }) == S_OK;
+}
+
+// The fields of a stream record of `version`. A read keeps each field as soon as it is read.
+template <class C, class Fields>
+HRESULT Write(StreamWriter& w, const C& o, const Fields& table, int version = 0xFFFF) {
+  return Each(table, [&](const auto& f) -> HRESULT {
+    using T = std::remove_cvref_t<decltype(o.*(f.member))>;
+    if (f.since == 0 || f.since > version) return S_OK;
+    return Codec<T>::Write(w, o.*(f.member));
+  });
+}
+
+template <class C, class Fields>
+HRESULT Read(StreamReader& r, C& o, const Fields& table, int version = 0xFFFF) {
+  return Each(table, [&](const auto& f) -> HRESULT {
+    using T = std::remove_cvref_t<decltype(o.*(f.member))>;
+    if (f.since == 0 || f.since > version) return S_OK;
+    return Codec<T>::Read(r, o.*(f.member));
+  });
+}
+
+template <class C, class Fields>
+HRESULT ToXml(pugi::xml_node e, const C& o, const Fields& table) {
+  return Each(table, [&](const auto& f) {
+    using T = std::remove_cvref_t<decltype(o.*(f.member))>;
+    return Codec<T>::ToXml(e, f.name, o.*(f.member));
+  });
+}
+
+// Each field is optional: one whose element is missing keeps its value.
+template <class C, class Fields>
+HRESULT FromXml(pugi::xml_node e, C& o, const Fields& table) {
+  return Each(table, [&](const auto& f) {
+    using T = std::remove_cvref_t<decltype(o.*(f.member))>;
+    const HRESULT hr = detail::FromXml<Codec<T>>(e, f.name, o.*(f.member), f.type);
+    return FAILED(hr) ? hr : S_OK;
+  });
+}
+
+template <class F>
+std::string JsonKey(const F& f) {
+  return f.json != nullptr ? std::string(f.json) : AsJSONName(std::string_view(f.name));
+}
+
+template <class C, class Fields>
+HRESULT ToJson(Json& j, const C& o, const Fields& table) {
+  return Each(table, [&](const auto& f) -> HRESULT {
+    using T = std::remove_cvref_t<decltype(o.*(f.member))>;
+    const std::string key = JsonKey(f);
+    if (key.empty()) return S_OK;
+    if (f.jsonWhenSet && Codec<T>::Equal(o.*(f.member), T{})) return S_OK;
+    return Codec<T>::ToJson(j, key.c_str(), o.*(f.member));
+  });
+}
+
+// Each key is optional: a field whose key is missing keeps its value.
+template <class C, class Fields>
+HRESULT FromJson(const Json& j, C& o, const Fields& table) {
+  return Each(table, [&](const auto& f) -> HRESULT {
+    using T = std::remove_cvref_t<decltype(o.*(f.member))>;
+    const std::string key = JsonKey(f);
+    if (key.empty()) return S_OK;
+    const HRESULT hr = detail::FromJson<Codec<T>>(j, key.c_str(), o.*(f.member), f.type);
+    return FAILED(hr) ? hr : S_OK;
+  });
+}
+
+// The fields' values, to put back with Restore when a read fails halfway.
+template <class C, class Fields>
+auto Snapshot(const C& o, const Fields& table) {
+  return std::apply([&](const auto&... f) { return std::tuple{(o.*(f.member))...}; }, table);
+}
+
+template <class C, class Fields, class Saved>
+void Restore(C& o, const Fields& table, Saved&& saved) {
+  std::apply(
+      [&](const auto&... f) {
+        std::apply([&](auto&... v) { ((o.*(f.member) = std::move(v)), ...); }, saved);
+      },
+      table);
+}
+
+}  // namespace fields
 
 template <class Derived, class... Itfs>
 class ValueObject : public Itfs...,
@@ -368,10 +535,7 @@ class ValueObject : public Itfs...,
     return Guard([&]() -> HRESULT {
       auto fresh = MakeObject<Derived>();
       Derived& target = *fresh.Get();
-      PW_RETURN_IF_FAILED(EachField([&](const auto& f) {
-        using T = std::remove_cvref_t<decltype(Self().*(f.member))>;
-        return Codec<T>::Copy(target.*(f.member), Self().*(f.member));
-      }));
+      PW_RETURN_IF_FAILED(fields::Copy(target, Self(), Derived::Fields()));
       *copy = static_cast<IClone*>(fresh.Detach());
       return S_OK;
     });
@@ -382,11 +546,7 @@ class ValueObject : public Itfs...,
     *equal = VARIANT_FALSE;
     auto* theirs = dynamic_cast<Derived*>(other);
     if (theirs == nullptr) return S_OK;
-    const HRESULT same = EachField([&](const auto& f) {
-      using T = std::remove_cvref_t<decltype(Self().*(f.member))>;
-      return Codec<T>::Equal(Self().*(f.member), theirs->*(f.member)) ? S_OK : S_FALSE;
-    });
-    *equal = same == S_OK ? VARIANT_TRUE : VARIANT_FALSE;
+    *equal = fields::Equal(Self(), *theirs, Derived::Fields()) ? VARIANT_TRUE : VARIANT_FALSE;
     return S_OK;
   }
 
@@ -403,10 +563,7 @@ class ValueObject : public Itfs...,
       std::uint16_t version = 0;
       PW_RETURN_IF_FAILED(r.Get(&version));
       if (version < 1 || version > Derived::kStreamVersion) return E_FAIL;
-      return EachField([&](const auto& f) {
-        using T = std::remove_cvref_t<decltype(Self().*(f.member))>;
-        return Codec<T>::Read(r, Self().*(f.member));
-      });
+      return fields::Read(r, Self(), Derived::Fields());
     });
   }
   HRESULT STDMETHODCALLTYPE Save(IStream* stream, BOOL) override {
@@ -414,10 +571,7 @@ class ValueObject : public Itfs...,
     return Guard([&]() -> HRESULT {
       StreamWriter w(stream);
       PW_RETURN_IF_FAILED(w.Put<std::uint16_t>(Derived::kStreamVersion));
-      return EachField([&](const auto& f) {
-        using T = std::remove_cvref_t<decltype(Self().*(f.member))>;
-        return Codec<T>::Write(w, Self().*(f.member));
-      });
+      return fields::Write(w, Self(), Derived::Fields());
     });
   }
   HRESULT STDMETHODCALLTYPE GetSizeMax(ULARGE_INTEGER* size) override {
@@ -427,24 +581,11 @@ class ValueObject : public Itfs...,
 
   HRESULT STDMETHODCALLTYPE Serialize(IXMLSerializeData* data) override {
     if (data == nullptr) return E_POINTER;
-    return Guard([&]() -> HRESULT {
-      pugi::xml_node element = *data->Element();
-      return EachField([&](const auto& f) {
-        using T = std::remove_cvref_t<decltype(Self().*(f.member))>;
-        return Codec<T>::ToXml(element, f.name, Self().*(f.member));
-      });
-    });
+    return Guard([&] { return fields::ToXml(*data->Element(), Self(), Derived::Fields()); });
   }
   HRESULT STDMETHODCALLTYPE Deserialize(IXMLSerializeData* data) override {
     if (data == nullptr) return E_POINTER;
-    return Guard([&]() -> HRESULT {
-      const pugi::xml_node element = *data->Element();
-      return EachField([&](const auto& f) {
-        using T = std::remove_cvref_t<decltype(Self().*(f.member))>;
-        const HRESULT hr = detail::FromXml<Codec<T>>(element, f.name, Self().*(f.member), f.type);
-        return FAILED(hr) ? hr : S_OK;
-      });
-    });
+    return Guard([&] { return fields::FromXml(*data->Element(), Self(), Derived::Fields()); });
   }
 
   HRESULT STDMETHODCALLTYPE SerializeJSONObject(IUnknown*, IJSONObject* json) override {
@@ -452,24 +593,13 @@ class ValueObject : public Itfs...,
     if (j == nullptr) return E_INVALIDARG;
     return Guard([&]() -> HRESULT {
       if (!j->is_object()) *j = Json::object();
-      return EachField([&](const auto& f) {
-        using T = std::remove_cvref_t<decltype(Self().*(f.member))>;
-        return Codec<T>::ToJson(*j, AsJSONName(std::string_view(f.name)).c_str(),
-                                Self().*(f.member));
-      });
+      return fields::ToJson(*j, Self(), Derived::Fields());
     });
   }
   HRESULT STDMETHODCALLTYPE DeserializeJSONObject(IUnknown*, IJSONObject* json) override {
     const Json* j = JsonOf(json);
     if (j == nullptr || !j->is_object()) return E_INVALIDARG;
-    return Guard([&]() -> HRESULT {
-      return EachField([&](const auto& f) {
-        using T = std::remove_cvref_t<decltype(Self().*(f.member))>;
-        const HRESULT hr = detail::FromJson<Codec<T>>(
-            *j, AsJSONName(std::string_view(f.name)).c_str(), Self().*(f.member), f.type);
-        return FAILED(hr) ? hr : S_OK;
-      });
-    });
+    return Guard([&] { return fields::FromJson(*j, Self(), Derived::Fields()); });
   }
 
  protected:
@@ -483,15 +613,6 @@ class ValueObject : public Itfs...,
 
  private:
   Derived& Self() { return static_cast<Derived&>(*this); }
-
-  // Runs `op` on each field in order until one does not return S_OK; returns that result.
-  template <class Op>
-  static HRESULT EachField(Op&& op) {
-    HRESULT hr = S_OK;
-    std::apply([&](const auto&... f) { ((hr == S_OK ? (hr = op(f), 0) : 0), ...); },
-               Derived::Fields());
-    return hr;
-  }
 };
 
 }  // namespace pw::persist

@@ -245,6 +245,33 @@ TEST_P(RasterInfoForms, XmlAndStreamLeadToTheSameJson) {
 INSTANTIATE_TEST_SUITE_P(Records, RasterInfoForms, ::testing::ValuesIn(kVariations),
                          [](const auto& p) { return std::string(p.param.name); });
 
+// Copies and comparisons go over the one field table: each group of fields, whichever forms
+// hold it, makes a record differ from one without it, and survives a clone.
+TEST(RasterInfo, EveryGroupOfFieldsIsClonedAndCompared) {
+  const std::pair<const char*, bool Parts::*> groups[] = {
+      {"common", &Parts::common},
+      {"statistics", &Parts::statistics},
+      {"histograms", &Parts::histograms},
+      {"colormap", &Parts::colormap},
+      {"no-data array", &Parts::noDataArray},
+      {"native reference", &Parts::nativeReference},
+      {"stream only", &Parts::streamOnly},
+      {"md info", &Parts::mdInfo},
+      {"json only", &Parts::jsonOnly}};
+  Parts none;
+  none.common = false;
+  const ComPtr<IRasterInfo3> empty = Build(none);
+  for (const auto& [name, part] : groups) {
+    Parts only = none;
+    only.*part = true;
+    const ComPtr<IRasterInfo3> record = Build(only);
+    ComPtr<IClone> copy;
+    ASSERT_EQ(record.As<IClone>()->Clone(&copy), S_OK) << name;
+    EXPECT_FALSE(Equal(record.Get(), empty.Get())) << name;
+    EXPECT_TRUE(Equal(copy.As<IRasterInfo3>().Get(), record.Get())) << name;
+  }
+}
+
 TEST(RasterInfo, StartsWithItsDefaults) {
   const ComPtr<IRasterInfo3> r = NewRecord();
   LONG v = 0;
