@@ -5,6 +5,7 @@
 #include <benchmark/benchmark.h>
 
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <random>
 #include <thread>
@@ -12,6 +13,7 @@
 
 #include "functions/elementary/arithmetic_kernels.h"
 #include "functions/elementary/ndvi_kernels.h"
+#include "functions/enhancement/mask_kernels.h"
 #include "raster/mask.h"
 
 namespace pw {
@@ -126,6 +128,29 @@ BENCHMARK(BM_Ndvi)
     ->ArgNames({"scientific", "threads"})
     ->Unit(benchmark::kMillisecond)
     ->UseRealTime();
+
+// The mask function's work on a 16-bit band: the values copied, those outside [1000, 8000]
+// masked, and masked values set to 0. Args: threads.
+void BM_MaskRange(benchmark::State& state) {
+  const auto red = Array<std::uint16_t>("red_u16.raw", 5, 0, 10000);
+  std::vector<std::uint16_t> out(kCells);
+  std::vector<BYTE> mask(raster::mask::Bytes(kCells));
+  const functions::mask::BandTest test{1000.0, 8000.0, {}};
+  const int threads = static_cast<int>(state.range(0));
+  for (auto _ : state) {
+    Split(threads, [&](std::size_t begin, std::size_t end) {
+      const std::size_t n = end - begin;
+      BYTE* m = mask.data() + begin / 8;
+      std::memcpy(out.data() + begin, red.data() + begin, n * 2);
+      raster::mask::Fill(m, n, true);
+      functions::mask::ApplyTest(test, 6, out.data() + begin, m, n);
+      raster::mask::FillInvalid(out.data() + begin, m, n, std::uint16_t{0});
+    });
+    benchmark::DoNotOptimize(out.data());
+  }
+  Report(state, 4);
+}
+BENCHMARK(BM_MaskRange)->Arg(1)->Arg(2)->Unit(benchmark::kMillisecond)->UseRealTime();
 
 }  // namespace
 }  // namespace pw

@@ -11,6 +11,7 @@
 #include "functions/elementary/constant_function.h"
 #include "functions/elementary/identity_function.h"
 #include "functions/elementary/ndvi_function.h"
+#include "functions/enhancement/mask_function.h"
 #include "functions/terrain/aspect_function.h"
 #include "functions/terrain/hillshade_function.h"
 #include "functions/terrain/slope_function.h"
@@ -53,6 +54,8 @@ PW_IMPLEMENTED_BY(SlopeFunctionArguments, functions::SlopeFunctionArguments)
 PW_IMPLEMENTED_BY(AspectFunction, functions::AspectFunction)
 PW_IMPLEMENTED_BY(HillshadeFunction, functions::HillshadeFunction)
 PW_IMPLEMENTED_BY(HillshadeFunctionArguments, functions::HillshadeFunctionArguments)
+PW_IMPLEMENTED_BY(MaskFunction, functions::MaskFunction)
+PW_IMPLEMENTED_BY(MaskFunctionArguments, functions::MaskFunctionArguments)
 #undef PW_IMPLEMENTED_BY
 
 template <ClassId Id>

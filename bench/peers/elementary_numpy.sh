@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Arithmetic and NDVI against NumPy on the same arrays, and file to file against
+# Arithmetic, NDVI and the mask by range against NumPy on the same arrays, and file to file against
 # gdal_calc.py on the same GeoTIFF, in one run; prints cells per second and ratios.
 # NumPy runs on one core (its ufuncs are single-threaded); Pixwerk's array kernels are
 # timed on one and on two threads, and the two-thread figure is set against the memory
@@ -52,13 +52,14 @@ results = {
     "divide_f32": best(lambda: np.divide(af, bf, dtype=np.float64)),
     "ndvi_scientific": best(ndvi_scientific),
     "ndvi_scaled": best(ndvi_scaled),
+    "mask_range_u16": best(lambda: np.where((red >= 1000) & (red <= 8000), red, 0)),
 }
 with open(f"{work}/numpy.txt", "w") as out:
     for k, v in results.items():
         out.write(f"{k} {v}\n")
 PY
 
-PIXWERK_PEER_DIR="$work" "$bench" --benchmark_filter='BM_(Arithmetic|Ndvi)' \
+PIXWERK_PEER_DIR="$work" "$bench" --benchmark_filter='BM_(Arithmetic|Ndvi|MaskRange)' \
   --benchmark_format=json --benchmark_repetitions=3 --benchmark_report_aggregates_only=true \
   > "$work/pixwerk.json" 2> /dev/null
 
@@ -77,7 +78,8 @@ bandwidth = 23e9  # two-thread copy bandwidth of this machine, bytes per second
 cases = [("plus_u8", "BM_ArithmeticPlusU8/{}/real_time", 4),
          ("divide_f32", "BM_ArithmeticDivideF32/{}/real_time", 16),
          ("ndvi_scientific", "BM_Ndvi/scientific:1/threads:{}/real_time", 8),
-         ("ndvi_scaled", "BM_Ndvi/scientific:0/threads:{}/real_time", 5)]
+         ("ndvi_scaled", "BM_Ndvi/scientific:0/threads:{}/real_time", 5),
+         ("mask_range_u16", "BM_MaskRange/{}/real_time", 4)]
 print(f"{'kernel':<18}{'NumPy 1 core':>14}{'Pixwerk 1':>12}{'ratio':>8}{'Pixwerk 2':>12}{'of bound':>10}")
 for name, pattern, bytes_per_cell in cases:
     one, two = runs.get(pattern.format(1)), runs.get(pattern.format(2))

@@ -317,18 +317,6 @@ struct Extraction {
 
 class ExtractBand : public ::testing::TestWithParam<Extraction> {};
 
-Variant Longs(std::vector<double> values) {
-  auto array = MakeObject<raster::DoubleArray>();
-  array->Items() = std::move(values);
-  return Variant(array->AsUnknown());
-}
-
-Variant Texts(std::vector<std::u16string> values) {
-  auto array = MakeObject<raster::StringArray>();
-  array->Items() = std::move(values);
-  return Variant(array->AsUnknown());
-}
-
 TEST_P(ExtractBand, SelectsAndOrdersBands) {
   const Extraction& c = GetParam();
   ComPtr<IRaster> input = Multiband({3, {u"Red", u"Green", u"Blue"}, {kRed, kGreen, kBlue}}, 5);
@@ -357,73 +345,72 @@ INSTANTIATE_TEST_SUITE_P(
     ::testing::Values(
         Extraction{"positions in output order",
                    [](auto* a) {
-                     a->put_BandIDs(Longs({2, 0}));
+                     a->put_BandIDs(test::Doubles({2, 0}));
                    },
                    {30, 10}},
         Extraction{"names before positions when no method",
                    [](auto* a) {
-                     a->put_BandIDs(Longs({0}));
-                     a->put_BandNames(Texts({u"blue", u"RED"}));
+                     a->put_BandIDs(test::Doubles({0}));
+                     a->put_BandNames(test::Texts({u"blue", u"RED"}));
                    },
                    {30, 10}},
         Extraction{
             "method 2 takes positions",
             [](auto* a) {
-              a->put_BandIDs(Longs({1}));
-              a->put_BandNames(Texts({u"blue"}));
+              a->put_BandIDs(test::Doubles({1}));
+              a->put_BandNames(test::Texts({u"blue"}));
               ComPtr<IExtractBandFunctionArguments2>(a).As<IRasterFunctionArguments>()->PutValue(
                   Bstr(u"Method").Get(), Variant(std::int32_t{2}));
             },
             {20}},
         Extraction{"wavelengths",
                    [](auto* a) {
-                     a->put_BandWavelengths(Longs({480, 560}));
+                     a->put_BandWavelengths(test::Doubles({480, 560}));
                    },
                    {30, 20}},
         Extraction{
             "the older position key",
             [](auto* a) {
               ComPtr<IExtractBandFunctionArguments2>(a).As<IRasterFunctionArguments>()->PutValue(
-                  Bstr(u"_BANDID_").Get(), Longs({1, 1}));
+                  Bstr(u"_BANDID_").Get(), test::Doubles({1, 1}));
             },
             {20, 20}},
         Extraction{"missing bands are left out",
                    [](auto* a) {
-                     a->put_BandIDs(Longs({0, 7}));
+                     a->put_BandIDs(test::Doubles({0, 7}));
                    },
                    {10}},
         Extraction{"no selection keeps every band", [](auto*) {}, {10, 20, 30}}));
 
-INSTANTIATE_TEST_SUITE_P(Failures, ExtractBand,
-                         ::testing::Values(Extraction{"a missing band with action 1",
-                                                      [](auto* a) {
-                                                        a->put_BandIDs(Longs({0, 7}));
-                                                        a->put_MissingBandAction(1);
-                                                      },
-                                                      {},
-                                                      "[BandIDs]"},
-                                           Extraction{"method 2 with no positions and action 1",
-                                                      [](auto* a) {
-                                                        a->put_MissingBandAction(1);
-                                                        ComPtr<IExtractBandFunctionArguments2>(a)
-                                                            .As<IRasterFunctionArguments>()
-                                                            ->PutValue(Bstr(u"Method").Get(),
-                                                                       Variant(std::int32_t{2}));
-                                                      },
-                                                      {},
-                                                      "[BandIDs]"},
-                                           Extraction{
-                                               "nothing found",
-                                               [](auto* a) { a->put_BandNames(Texts({u"NIR"})); },
-                                               {},
-                                               "chose no band"}));
+INSTANTIATE_TEST_SUITE_P(
+    Failures, ExtractBand,
+    ::testing::Values(Extraction{"a missing band with action 1",
+                                 [](auto* a) {
+                                   a->put_BandIDs(test::Doubles({0, 7}));
+                                   a->put_MissingBandAction(1);
+                                 },
+                                 {},
+                                 "[BandIDs]"},
+                      Extraction{"method 2 with no positions and action 1",
+                                 [](auto* a) {
+                                   a->put_MissingBandAction(1);
+                                   ComPtr<IExtractBandFunctionArguments2>(a)
+                                       .As<IRasterFunctionArguments>()
+                                       ->PutValue(Bstr(u"Method").Get(), Variant(std::int32_t{2}));
+                                 },
+                                 {},
+                                 "[BandIDs]"},
+                      Extraction{"nothing found",
+                                 [](auto* a) { a->put_BandNames(test::Texts({u"NIR"})); },
+                                 {},
+                                 "chose no band"}));
 
 TEST(ExtractBandFunction, OutputBandsKeepTheirNamesForTheNextFunction) {
   ComPtr<IRaster> input = Multiband({4, {u"Blue", u"Green", u"Red", u"NIR"}}, 5);
   auto extract = Create<IRasterFunction>(u"ExtractBandFunction");
   auto extractArgs = Create<IExtractBandFunctionArguments2>(u"ExtractBandFunctionArguments");
   extractArgs->put_Raster(Holding(input.Get()));
-  extractArgs->put_BandIDs(Longs({3, 0, 2}));
+  extractArgs->put_BandIDs(test::Doubles({3, 0, 2}));
   ASSERT_EQ(extract->Bind(extractArgs.Get()), S_OK);
   // NDVI over the extracted bands finds red and NIR by name.
   auto ndvi = Create<IRasterFunction>(u"NDVIFunction");

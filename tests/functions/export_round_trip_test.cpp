@@ -110,12 +110,6 @@ Variant Holding(IRaster* raster) {
   return Variant(static_cast<IUnknown*>(raster));
 }
 
-Variant Doubles(std::vector<double> values) {
-  auto array = MakeObject<raster::DoubleArray>();
-  array->Items() = std::move(values);
-  return Variant(array->AsUnknown());
-}
-
 struct Case {
   const char* function;
   LONG type;
@@ -143,17 +137,17 @@ ComPtr<IRaster> Chain(const Case& c, Invalid invalid) {
       info.As<IRasterInfo3>()->put_NoData(Variant(raster::PixelRange(c.type).highest));
     put(u"RasterInfo", Variant(static_cast<IUnknown*>(info.Get())));
     put(u"Constant",
-        Doubles({raster::PixelRange(c.type).highest, raster::PixelRange(c.type).lowest}));
+        test::Doubles({raster::PixelRange(c.type).highest, raster::PixelRange(c.type).lowest}));
   } else if (f == "ArithmeticFunction") {
     put(u"Raster", Holding(Input(c.type, 2, invalid, 3).Get()));
-    put(u"Raster2", Doubles({-1}));
+    put(u"Raster2", test::Doubles({-1}));
     put(u"Operation", Variant(std::int32_t{2}));
   } else if (f == "NDVIFunction") {
     put(u"Raster", Holding(Input(c.type, 2, invalid, 4).Get()));
     put(u"ScientificOutput", Variant(true));
   } else if (f == "ExtractBandFunction") {
     put(u"Raster", Holding(Input(c.type, 3, invalid, 5).Get()));
-    put(u"BandIDs", Doubles({2, 0}));
+    put(u"BandIDs", test::Doubles({2, 0}));
     put(u"Method", Variant(std::int32_t{2}));
   } else if (f == "CompositeBandFunction") {
     // Two inputs whose bands agree on validity (bands that disagree, each spanning its whole

@@ -12,10 +12,23 @@
 #include "raster/algorithms/simd_dispatch.h"
 #include "raster/memory_dataset.h"
 #include "raster/pixel_block.h"
+#include "raster/values/arrays.h"
 #include "raster/values/geometry.h"
 #include "server/entry_points.h"
 
 namespace pw::test {
+
+// Array arguments: numbers and texts.
+inline Variant Doubles(std::vector<double> values) {
+  auto array = MakeObject<raster::DoubleArray>();
+  array->Items() = std::move(values);
+  return Variant(array->AsUnknown());
+}
+inline Variant Texts(std::vector<std::u16string> values) {
+  auto array = MakeObject<raster::StringArray>();
+  array->Items() = std::move(values);
+  return Variant(array->AsUnknown());
+}
 
 template <class I>
 ComPtr<I> Create(std::u16string_view name) {
