@@ -14,6 +14,7 @@
 #include "functions/elementary/arithmetic_kernels.h"
 #include "functions/elementary/ndvi_kernels.h"
 #include "functions/enhancement/mask_kernels.h"
+#include "raster/algorithms/stretch.h"
 #include "raster/mask.h"
 
 namespace pw {
@@ -151,6 +152,24 @@ void BM_MaskRange(benchmark::State& state) {
   Report(state, 4);
 }
 BENCHMARK(BM_MaskRange)->Arg(1)->Arg(2)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+// A minimum-maximum stretch of a 16-bit band to 8 bits. Args: threads.
+void BM_StretchMinMaxU16ToU8(benchmark::State& state) {
+  const auto red = Array<std::uint16_t>("red_u16.raw", 5, 0, 10000);
+  std::vector<std::uint8_t> out(kCells);
+  const std::vector<BYTE> mask(raster::mask::Bytes(kCells), 0xFF);
+  const raster::stretch::BandMapping mapping{{1000, 9000}, 1, nullptr, 0, 255};
+  const int threads = static_cast<int>(state.range(0));
+  for (auto _ : state) {
+    Split(threads, [&](std::size_t begin, std::size_t end) {
+      raster::stretch::Apply(mapping, 5, red.data() + begin, mask.data() + begin / 8, end - begin,
+                             3, out.data() + begin);
+    });
+    benchmark::DoNotOptimize(out.data());
+  }
+  Report(state, 3);
+}
+BENCHMARK(BM_StretchMinMaxU16ToU8)->Arg(1)->Arg(2)->Unit(benchmark::kMillisecond)->UseRealTime();
 
 }  // namespace
 }  // namespace pw

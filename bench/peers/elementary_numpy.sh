@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Arithmetic, NDVI and the mask by range against NumPy on the same arrays, and file to file against
+# Arithmetic, NDVI, the mask by range and a min-max stretch against NumPy on the same arrays, and file to file against
 # gdal_calc.py on the same GeoTIFF, in one run; prints cells per second and ratios.
 # NumPy runs on one core (its ufuncs are single-threaded); Pixwerk's array kernels are
 # timed on one and on two threads, and the two-thread figure is set against the memory
@@ -53,13 +53,14 @@ results = {
     "ndvi_scientific": best(ndvi_scientific),
     "ndvi_scaled": best(ndvi_scaled),
     "mask_range_u16": best(lambda: np.where((red >= 1000) & (red <= 8000), red, 0)),
+    "stretch_u16_u8": best(lambda: np.clip((red - 1000.0) * (255.0 / 8000.0) + 0.5, 0, 255).astype(np.uint8)),
 }
 with open(f"{work}/numpy.txt", "w") as out:
     for k, v in results.items():
         out.write(f"{k} {v}\n")
 PY
 
-PIXWERK_PEER_DIR="$work" "$bench" --benchmark_filter='BM_(Arithmetic|Ndvi|MaskRange)' \
+PIXWERK_PEER_DIR="$work" "$bench" --benchmark_filter='BM_(Arithmetic|Ndvi|MaskRange|StretchMinMax)' \
   --benchmark_format=json --benchmark_repetitions=3 --benchmark_report_aggregates_only=true \
   > "$work/pixwerk.json" 2> /dev/null
 
@@ -79,7 +80,8 @@ cases = [("plus_u8", "BM_ArithmeticPlusU8/{}/real_time", 4),
          ("divide_f32", "BM_ArithmeticDivideF32/{}/real_time", 16),
          ("ndvi_scientific", "BM_Ndvi/scientific:1/threads:{}/real_time", 8),
          ("ndvi_scaled", "BM_Ndvi/scientific:0/threads:{}/real_time", 5),
-         ("mask_range_u16", "BM_MaskRange/{}/real_time", 4)]
+         ("mask_range_u16", "BM_MaskRange/{}/real_time", 4),
+         ("stretch_u16_u8", "BM_StretchMinMaxU16ToU8/{}/real_time", 3)]
 print(f"{'kernel':<18}{'NumPy 1 core':>14}{'Pixwerk 1':>12}{'ratio':>8}{'Pixwerk 2':>12}{'of bound':>10}")
 for name, pattern, bytes_per_cell in cases:
     one, two = runs.get(pattern.format(1)), runs.get(pattern.format(2))
