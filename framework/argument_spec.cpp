@@ -65,6 +65,28 @@ bool AllOf(const Json& v, bool (*element)(const Json&)) {
   return v.is_array() && std::all_of(v.begin(), v.end(), element);
 }
 
+// An object saved with its class: {"type": ..., "value": ...}.
+bool IsTypedObject(const Json& v) {
+  return v.is_object() && v.contains("type") && v.contains("value");
+}
+
+bool IsStatistics(const Json& v) {
+  return v.is_array() && v.size() == 4 &&
+         std::all_of(v.begin(), v.end(), [](const Json& e) { return e.is_number(); });
+}
+
+bool IsHistogram(const Json& v) {
+  if (!v.is_object()) return false;
+  const auto number = [&](const char* key) {
+    const auto it = v.find(key);
+    return it != v.end() && it->is_number();
+  };
+  const auto counts = v.find("Counts");
+  return number("Minimum") && number("Maximum") && counts != v.end() &&
+         AllOf(*counts, [](const Json& e) { return e.is_number() && e.get<double>() >= 0; }) &&
+         !counts->empty();
+}
+
 bool Matches(ArgumentKind kind, const Json& v) {
   switch (kind) {
     case ArgumentKind::kRaster:
@@ -93,6 +115,10 @@ bool Matches(ArgumentKind kind, const Json& v) {
     case ArgumentKind::kRasterInfo:
     case ArgumentKind::kObject:
       return v.is_object();
+    case ArgumentKind::kStatistics:
+      return IsTypedObject(v) || (AllOf(v, IsStatistics) && !v.empty());
+    case ArgumentKind::kHistograms:
+      return IsTypedObject(v) || (AllOf(v, IsHistogram) && !v.empty());
     case ArgumentKind::kEnvelope: {
       static constexpr const char* kCorners[] = {"XMin", "YMin", "XMax", "YMax"};
       return v.is_object() &&
@@ -176,6 +202,10 @@ std::string_view KindText(ArgumentKind kind) {
       return "an extent {\"XMin\", \"YMin\", \"XMax\", \"YMax\"}";
     case ArgumentKind::kObject:
       return "an object";
+    case ArgumentKind::kStatistics:
+      return "an array of statistics, one a band: [minimum, maximum, mean, standard deviation]";
+    case ArgumentKind::kHistograms:
+      return "an array of histograms, one a band: {\"Minimum\", \"Maximum\", \"Counts\"}";
   }
   return "a value";
 }
@@ -395,6 +425,11 @@ Resolver ResolverOf(ArgumentKind kind) {
       return ResolveAndUpdate_ValueTypeDoubleArray;
     case ArgumentKind::kTexts:
       return ResolveAndUpdate_ValueTypeStringArray;
+    case ArgumentKind::kStatistics:
+    case ArgumentKind::kHistograms:
+      return [](IRasterFunctionArguments* a, BSTR n, IRow* r, IPropertySet* s) {
+        ResolveAndUpdate_ValueTypeGeometry(a, n, r, s, 0);
+      };
     default:
       return nullptr;
   }

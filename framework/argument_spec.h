@@ -33,6 +33,8 @@ enum class ArgumentKind {
   kRasterInfo,       // a raster info record (an object)
   kEnvelope,         // an extent: {"XMin", "YMin", "XMax", "YMax"}
   kObject,           // another object (multidimensional info, ...)
+  kStatistics,       // per band: [minimum, maximum, mean, standard deviation]
+  kHistograms,       // per band: {"Minimum", "Maximum", "Counts"}
 };
 
 // What a kind is called in messages and descriptions ("a number", "an array of integers").

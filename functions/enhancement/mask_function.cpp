@@ -134,6 +134,7 @@ HRESULT MaskFunction::BindImpl(IRasterFunctionArguments* arguments) {
     }
   }
   if (rangesKept || inverted) PW_RETURN_IF_FAILED(RemoveColormapStatsHistograms(info.Get()));
+  PW_RETURN_IF_FAILED(KeepBandKeyProperties(input.Get()));
 
   pixelwise_.Clear();
   pixelwise_.Add(input.Get(), type);

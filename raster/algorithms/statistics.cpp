@@ -1,10 +1,12 @@
 // Statistics and histograms of valid pixels.
 #include "raster/algorithms/statistics.h"
 
+#include <algorithm>
 #include <cmath>
 
 #include "raster/mask.h"
 #include "raster/pixel_block.h"
+#include "raster/pixel_traits.h"
 #include "raster/values/raster_statistics.h"
 
 namespace pw::raster {
@@ -176,6 +178,92 @@ HRESULT ComputeRasterStatistics(IRaster* raster, LONG band, IRasterStatistics** 
     PW_RETURN_IF_FAILED(MakeHistogram(lo, hi, std::move(bins), histogram));
   }
   return S_OK;
+}
+
+std::vector<Window> EstimateWindows(LONG width, LONG height) {
+  std::vector<Window> windows;
+  if (width < 1 || height < 1) return windows;
+  const auto cells = static_cast<std::size_t>(width) * static_cast<std::size_t>(height);
+  if (cells <= kEstimateCells) {
+    for (LONG row = 0; row < height; row += 256)
+      windows.push_back({0, row, width, std::min<LONG>(256, height - row)});
+    return windows;
+  }
+  constexpr LONG kSide = 64, kWindows = 256;
+  const LONG w = std::min(kSide, width), h = std::min(kSide, height);
+  const LONG down = std::min<LONG>((height + h - 1) / h, 16);
+  const LONG across = std::min<LONG>((width + w - 1) / w, kWindows / down);
+  // Window centres at the middles of equal shares of each axis.
+  auto start = [](LONG i, LONG count, LONG extent, LONG side) {
+    const double centre =
+        (static_cast<double>(i) + 0.5) * static_cast<double>(extent) / static_cast<double>(count);
+    const auto first = static_cast<LONG>(centre) - side / 2;
+    return std::clamp<LONG>(first, 0, extent - side);
+  };
+  for (LONG j = 0; j < down; ++j)
+    for (LONG i = 0; i < across; ++i)
+      windows.push_back({start(i, across, width, w), start(j, down, height, h), w, h});
+  return windows;
+}
+
+HRESULT ComputeRasterStatistics(IRaster* raster, Accuracy accuracy,
+                                std::vector<ComPtr<IRasterStatistics>>* statistics,
+                                std::vector<ComPtr<IRasterHistogram>>* histograms) {
+  ComPtr<IRasterProps> props;
+  if (raster == nullptr || statistics == nullptr ||
+      FAILED(raster->QueryInterface(IidOf<IRasterProps>(), props.OutVoid())))
+    return E_INVALIDARG;
+  return Guard([&]() -> HRESULT {
+    LONG width = 0, height = 0, bands = 0, type = -1;
+    props->get_Width(&width);
+    props->get_Height(&height);
+    props->get_BandCount(&bands);
+    props->get_PixelType(&type);
+    if (bands < 1 || PixelSize(type) == 0) return E_INVALIDARG;
+    const auto count = static_cast<std::size_t>(bands);
+    std::vector<Window> windows = EstimateWindows(width, height);
+    const bool sampled =
+        accuracy == Accuracy::kEstimate &&
+        static_cast<std::size_t>(width) * static_cast<std::size_t>(height) > kEstimateCells;
+    // A sample stays in memory between the passes; an exact pass reads the raster again.
+    std::vector<ComPtr<IPixelBlock>> kept;
+    auto each = [&](auto&& visit) -> HRESULT {
+      for (std::size_t k = 0; k < windows.size(); ++k) {
+        ComPtr<IPixelBlock> block;
+        if (k < kept.size()) {
+          block = kept[k];
+        } else {
+          const Window& w = windows[k];
+          PW_RETURN_IF_FAILED(raster->CreatePixelBlock(w.width, w.height, &block));
+          PW_RETURN_IF_FAILED(raster->ReadAt(w.column, w.row, block.Get()));
+          if (sampled) kept.push_back(block);
+        }
+        const std::size_t pixels = static_cast<std::size_t>(windows[k].width) *
+                                   static_cast<std::size_t>(windows[k].height);
+        for (LONG b = 0; b < bands; ++b) visit(b, block->Buffer(b), block->Mask(b), pixels);
+      }
+      return S_OK;
+    };
+    std::vector<Moments> moments(count);
+    PW_RETURN_IF_FAILED(each([&](LONG b, const void* v, const BYTE* m, std::size_t n) {
+      moments[static_cast<std::size_t>(b)].Merge(ComputeMoments(type, v, m, n, {}));
+    }));
+    statistics->assign(count, nullptr);
+    for (std::size_t b = 0; b < count; ++b)
+      PW_RETURN_IF_FAILED(MakeStatistics(moments[b], &(*statistics)[b]));
+    if (histograms == nullptr) return S_OK;
+    std::vector<double> lo(count), hi(count);
+    std::vector<std::vector<double>> bins(count);
+    for (std::size_t b = 0; b < count; ++b) HistogramRange(type, moments[b], &lo[b], &hi[b]);
+    PW_RETURN_IF_FAILED(each([&](LONG b, const void* v, const BYTE* m, std::size_t n) {
+      const auto i = static_cast<std::size_t>(b);
+      AccumulateHistogram(type, v, m, n, {}, lo[i], hi[i], &bins[i]);
+    }));
+    histograms->assign(count, nullptr);
+    for (std::size_t b = 0; b < count; ++b)
+      PW_RETURN_IF_FAILED(MakeHistogram(lo[b], hi[b], std::move(bins[b]), &(*histograms)[b]));
+    return S_OK;
+  });
 }
 
 }  // namespace pw::raster

@@ -3,6 +3,9 @@
 #pragma once
 
 #include <optional>
+#include <vector>
+
+#include "com/com_ptr.h"
 
 #include "raster/model.h"
 
@@ -37,5 +40,21 @@ HRESULT ComputeBlockStatistics(IPixelBlock* block, LONG band, IRasterStatistics*
 // A raster's band, read in blocks of `blockRows` rows (two passes: range, then bins).
 HRESULT ComputeRasterStatistics(IRaster* raster, LONG band, IRasterStatistics** statistics,
                                 IRasterHistogram** histogram, LONG blockRows = 256);
+
+// Every band of a raster at once. kExact reads every cell (twice: range, then bins).
+// kEstimate reads a fixed sample whatever the raster's size: the whole raster when it has at
+// most kEstimateCells cells, else a grid of at most 256 windows of 64 x 64 cells spread
+// evenly over it, each touching only the few source blocks under it.
+enum class Accuracy { kEstimate, kExact };
+inline constexpr std::size_t kEstimateCells = std::size_t{1} << 20;
+HRESULT ComputeRasterStatistics(IRaster* raster, Accuracy accuracy,
+                                std::vector<ComPtr<IRasterStatistics>>* statistics,
+                                std::vector<ComPtr<IRasterHistogram>>* histograms);
+
+// The windows kEstimate reads from a `width` x `height` raster: (column, row, width, height).
+struct Window {
+  LONG column = 0, row = 0, width = 0, height = 0;
+};
+std::vector<Window> EstimateWindows(LONG width, LONG height);
 
 }  // namespace pw::raster

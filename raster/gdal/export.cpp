@@ -185,6 +185,10 @@ HRESULT WriteGtiff(const ExportJob& job, const ValidityPlan& plan, fs::path* wri
   // (RGB, RGBA) keep GDAL's pixel interleaving, which viewers expect.
   if (!create.Has("INTERLEAVE") && job.bands > kMostPixelInterleavedBands)
     create.Set("INTERLEAVE=BAND");
+  // GDAL would read four 8-bit bands as RGB and alpha, and the fourth band as every band's
+  // validity; a user asks for that with PHOTOMETRIC or ALPHA.
+  if (!create.Has("PHOTOMETRIC") && !create.Has("ALPHA") && job.bands >= 4)
+    create.Set("PHOTOMETRIC=MINISBLACK");
   const std::int64_t rawBytes = static_cast<std::int64_t>(job.width) * job.height * job.bands *
                                 static_cast<std::int64_t>(job.PixelBytes());
   if (!create.Has("COMPRESS")) {

@@ -39,6 +39,7 @@ const std::map<std::string, Json>& Correct() {
       {"ExtractBandFunction", {{"Raster", "image.tif"}}},
       {"CompositeBandFunction", {{"Rasters", {"dem.tif", "image.tif"}}}},
       {"MaskFunction", {{"Raster", "dem.tif"}}},
+      {"StretchFunction", {{"Raster", "image.tif"}}},
   };
   return chains;
 }
@@ -54,6 +55,8 @@ Json WrongKind(ArgumentKind kind) {
     case ArgumentKind::kIntegers:
     case ArgumentKind::kNumbers:
     case ArgumentKind::kTexts:
+    case ArgumentKind::kStatistics:
+    case ArgumentKind::kHistograms:
       return "3";  // one text where an array is wanted
     case ArgumentKind::kInteger:
       return 2.5;

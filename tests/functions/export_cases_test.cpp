@@ -297,6 +297,10 @@ TEST_F(ExportCases, BandNamesAndTheChainTravelIntoTheFile) {
       {R"({"function": "ExtractBandFunction", "arguments": {"Raster": "image.tif",
            "BandIDs": [1]}})",
        {"NIR"}},
+      {R"({"function": "MaskFunction", "arguments": {"Raster": "image.tif",
+           "IncludedRanges": [0, 15]}})",
+       {"Red", "NIR"}},
+      {R"({"function": "StretchFunction", "arguments": {"Raster": "image.tif"}})", {"Red", "NIR"}},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.chain);
@@ -313,6 +317,32 @@ TEST_F(ExportCases, BandNamesAndTheChainTravelIntoTheFile) {
     ASSERT_NE(ds, nullptr);
     EXPECT_STREQ(GDALGetMetadataItem(ds, "PIXWERK_CHAIN_NAME", nullptr), "terrain") << format;
     EXPECT_STREQ(GDALGetMetadataItem(ds, "PIXWERK_CHAIN", nullptr), "{\"a\": 1}") << format;
+    GDALClose(ds);
+  }
+}
+
+// Four 8-bit bands are four bands of values: none of them becomes an alpha band that would
+// turn its zero cells invalid in every band.
+TEST_F(ExportCases, FourByteBandsKeepEveryCellValid) {
+  test::Write(File("in.tif"),
+              Grid(
+                  GDT_UInt16, [](int b, int c, int) { return b == 3 ? c % 2 : 7.0; }, 4));
+  for (const char* format : {"GTiff", "COG"}) {
+    SCOPED_TRACE(format);
+    ExportOptions options;
+    options.format = format;
+    ASSERT_EQ(Export(R"({"function": "IdentityFunction", "arguments": {"Raster": "in.tif"},
+                         "pixelType": "U8"})",
+                     "out.tif", options),
+              S_OK)
+        << test::LastError();
+    for (int b = 1; b <= 4; ++b) {
+      const Band band = ReadBand(File("out.tif"), b);
+      EXPECT_EQ(band.ValidCount(), band.values.size()) << "band " << b;
+    }
+    GDALDatasetH ds = GDALOpen(File("out.tif").c_str(), GA_ReadOnly);
+    ASSERT_NE(ds, nullptr);
+    EXPECT_NE(GDALGetRasterColorInterpretation(GDALGetRasterBand(ds, 4)), GCI_AlphaBand);
     GDALClose(ds);
   }
 }
