@@ -156,6 +156,14 @@ ComPtr<IRaster> Chain(const Case& c, Invalid invalid) {
     array->Items() = {Holding(Input(c.type, 1, invalid, 6).Get()),
                       Holding(Input(c.type, 2, invalid, 7).Get())};
     put(u"Rasters", Variant(array->AsUnknown()));
+  } else if (f == "MaskFunction") {
+    put(u"Raster", Holding(Input(c.type, 2, invalid, 9).Get()));
+    put(u"IncludedRanges", test::Doubles({0, 100, 0, 100}));
+  } else if (f == "StretchFunction") {
+    // Percent clip onto [0, 255]: a no-data value of the input inside it is dropped, and its
+    // cells must stay invalid through the mask.
+    put(u"Raster", Holding(Input(c.type, 2, invalid, 10).Get()));
+    put(u"StretchType", Variant(std::int32_t{6}));
   } else {  // the terrain functions: "DEM" falls back to "Raster"
     put(u"Raster", Holding(Input(c.type, 1, invalid, 8).Get()));
   }
@@ -245,7 +253,8 @@ std::vector<Case> Cases() {
     for (LONG type = 0; type <= 10; ++type) cases.push_back({function, type});
   // The computed outputs over inputs of a few types.
   for (const char* function :
-       {"NDVIFunction", "SlopeFunction", "AspectFunction", "HillshadeFunction"})
+       {"NDVIFunction", "SlopeFunction", "AspectFunction", "HillshadeFunction", "MaskFunction",
+        "StretchFunction"})
     for (const LONG type : {raster::kPixelU8, raster::kPixelS16, raster::kPixelU32,
                             raster::kPixelF32, raster::kPixelF64})
       cases.push_back({function, type});

@@ -6,9 +6,11 @@
 #include <cmath>
 #include <limits>
 #include <memory>
+#include <thread>
 
 #include <gdal.h>
 
+#include "framework/chain_json.h"
 #include "framework/input_statistics.h"
 #include "raster/algorithms/statistics.h"
 #include "raster/algorithms/stretch.h"
@@ -487,6 +489,87 @@ TEST(StretchFunction, DraStretchesEachBlockByItsOwnStatistics) {
       s->get_Maximum(&mx);
       EXPECT_EQ(mx, 255);
     }
+  }
+}
+
+TEST(StretchFunction, ChainsGiveStatisticsAndHistogramsAsPlainJson) {
+  raster::gdal::Initialize();
+  test::TempDir folder;
+  ASSERT_EQ(
+      std::system(
+          (std::string(PIXWERK_SAMPLE) + " " + folder.Path().string() + " 32 > /dev/null").c_str()),
+      0);
+  const auto load = [&](const std::string& arguments, IFunctionRasterDataset** dataset) {
+    const std::string chain =
+        R"({"function": "StretchFunction", "arguments": {"Raster": "dem.tif", )" + arguments + "}}";
+    return framework::LoadChainText(chain, folder.Path(), dataset);
+  };
+  // Given statistics drive the stretch: 600 m of [400, 800] is mid-range.
+  ComPtr<IFunctionRasterDataset> dataset;
+  ASSERT_EQ(
+      load(R"("StretchType": "minimummaximum", "Statistics": [[400, 800, 600, 50]])", &dataset),
+      S_OK)
+      << test::LastError();
+  ComPtr<IRasterFunction> function;
+  dataset->get_Function(&function);
+  raster::stretch::BandMapping m;
+  m.range = {400, 800};
+  EXPECT_EQ(m(600), 127.5);
+  // The saved form reads back equal.
+  ComPtr<IUnknown> arguments;
+  dataset->get_Arguments(&arguments);
+  Bstr json;
+  ASSERT_EQ(arguments.As<IRasterFunctionArguments2>()->ToJSON(&json), S_OK);
+  auto again = test::Create<IRasterFunctionArguments>(u"StretchFunctionArguments");
+  ASSERT_EQ(again.As<IRasterFunctionArguments2>()->FromJSON(json.Get()), S_OK)
+      << ToUtf8(json.View());
+  VARIANT_BOOL equal = VARIANT_FALSE;
+  ASSERT_EQ(again.As<IClone>()->IsEqual(arguments.As<IClone>().Get(), &equal), S_OK);
+  EXPECT_TRUE(equal) << ToUtf8(json.View());
+
+  ASSERT_EQ(load(R"("StretchType": 6, "Histograms": [{"Minimum": 0, "Maximum": 10,
+                    "Counts": [1, 2, 3]}], "Statistics": [[0, 10, 5, 1]])",
+                 &dataset),
+            S_OK)
+      << test::LastError();
+  // Wrong shapes are refused as the chain loads, naming the argument.
+  for (const char* bad : {R"("Statistics": [[1, 2, 3]])", R"("Statistics": [1, 2, 3, 4])",
+                          R"("Histograms": [{"Minimum": 0, "Counts": [1]}])", R"("StretchType": 7)",
+                          R"("StretchType": "steep")"}) {
+    SCOPED_TRACE(bad);
+    EXPECT_TRUE(FAILED(load(bad, &dataset)));
+    const std::string message = test::LastError();
+    const std::string name = std::string(bad).substr(1, std::string(bad).find('"', 1) - 1);
+    EXPECT_NE(message.find(name), std::string::npos) << message;
+  }
+}
+
+TEST(StretchFunction, ConcurrentReadsEqualSerialOnes) {
+  // Statistics computed at bind, re-gathered on each read, or taken per block under DRA.
+  std::vector<double> cells(64 * 16);
+  for (std::size_t i = 0; i < cells.size(); ++i) cells[i] = static_cast<double>((i * 37) % 1000);
+  const ComPtr<IRaster> input = test::MemoryRaster(
+      test::Row(64, 16), 1, 5, [&](LONG, LONG c, LONG r) { return cells[r * 64 + c]; });
+  for (bool dra : {false, true}) {
+    SCOPED_TRACE(dra ? "DRA" : "statistics");
+    const Bound b = Stretch(input, {{u"DRA", Variant(dra)}}, false);
+    ASSERT_EQ(b.bind, S_OK) << test::LastError();
+    std::vector<test::Output> serial;
+    for (LONG k = 0; k < 8; ++k)
+      serial.push_back(test::ReadOutput(b.function.Get(), 8 * k, 0, 8, 16));
+    std::vector<std::thread> threads;
+    std::vector<int> wrong(8, 0);
+    for (LONG k = 0; k < 8; ++k)
+      threads.emplace_back([&, k] {
+        for (int repeat = 0; repeat < 20; ++repeat) {
+          const test::Output o = test::ReadOutput(b.function.Get(), 8 * k, 0, 8, 16);
+          for (std::size_t i = 0; i < 8 * 16; ++i)
+            wrong[static_cast<std::size_t>(k)] +=
+                o.At(0, i) != serial[static_cast<std::size_t>(k)].At(0, i);
+        }
+      });
+    for (auto& t : threads) t.join();
+    for (int w : wrong) EXPECT_EQ(w, 0);
   }
 }
 
