@@ -633,15 +633,16 @@ HRESULT StretchFunction::ReadImpl(LONG column, LONG row, IPixelBlock* block) {
     const stretch::BandMapping* mapping = nullptr;
     if (dra_) {
       // The block's own statistics (and histogram for the percent clip) drive it.
-      const raster::Moments m = raster::ComputeMoments(inType_, b.in[0], b.mask, b.pixels, {});
+      raster::Moments m;
+      stretch::Histogram histogram;
+      if (settings_.type == stretch::kPercentClip) {
+        raster::ComputeMomentsAndHistogram(inType_, b.in[0], b.mask, b.pixels, {}, &m,
+                                           &histogram.low, &histogram.high, &histogram.counts);
+      } else {
+        m = raster::ComputeMoments(inType_, b.in[0], b.mask, b.pixels, {});
+      }
       std::optional<stretch::BandStatistics> statistics;
       if (m.count > 0) statistics = FromMoments(m);
-      stretch::Histogram histogram;
-      if (settings_.type == stretch::kPercentClip && m.count > 0) {
-        raster::HistogramRange(inType_, m, &histogram.low, &histogram.high);
-        raster::AccumulateHistogram(inType_, b.in[0], b.mask, b.pixels, {}, histogram.low,
-                                    histogram.high, &histogram.counts);
-      }
       if (!statistics) {
         // Nothing valid to stretch: the block stays invalid.
         dynamic.range = {settings_.min, settings_.max};

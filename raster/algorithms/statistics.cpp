@@ -3,6 +3,9 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdint>
+#include <limits>
+#include <type_traits>
 
 #include "raster/mask.h"
 #include "raster/pixel_block.h"
@@ -52,13 +55,114 @@ void ForEachValid(LONG pixelType, const void* values, const BYTE* bits, std::siz
     }
   });
 }
+
+// Integers of up to 16 bits are counted value by value into a table, and what is wanted
+// (moments, histogram bins) is read off the table: one tight pass over the cells. Small
+// runs of 16-bit values would spend more on the table than on the cells.
+constexpr std::size_t kCountedMinimum16 = std::size_t{1} << 16;
+
+template <class T>
+struct ValueCounts {
+  static constexpr std::int32_t kLowest = std::numeric_limits<T>::lowest();
+  static constexpr std::size_t kSize = std::size_t{1} << (8 * sizeof(T));
+  std::vector<std::uint32_t> counts = std::vector<std::uint32_t>(kSize);
+
+  ValueCounts(const T* v, const BYTE* bits, std::size_t n, std::optional<double> noData) {
+    std::uint32_t* __restrict c = counts.data();
+    if (bits == nullptr || mask::AllValid(bits, n)) {
+      for (std::size_t i = 0; i < n; ++i) ++c[static_cast<std::int32_t>(v[i]) - kLowest];
+    } else {
+      for (std::size_t i = 0; i < n; ++i)
+        c[static_cast<std::int32_t>(v[i]) - kLowest] += mask::Get(bits, i) ? 1u : 0u;
+    }
+    if (noData && *noData >= kLowest && *noData < kLowest + static_cast<double>(kSize) &&
+        *noData == std::floor(*noData))
+      counts[static_cast<std::size_t>(static_cast<std::int32_t>(*noData) - kLowest)] = 0;
+  }
+  static double Value(std::size_t k) {
+    return static_cast<double>(kLowest + static_cast<std::int32_t>(k));
+  }
+};
+
+// Calls `counted(ValueCounts<T>&&)` when the values are counted, else returns false.
+template <class F>
+bool WithCounts(LONG pixelType, const void* values, const BYTE* bits, std::size_t count,
+                std::optional<double> noData, F&& counted) {
+  if (count >= (std::size_t{1} << 32)) return false;
+  bool done = false;
+  VisitPixelType(pixelType, [&](auto tag) {
+    using T = typename decltype(tag)::type;
+    if constexpr (std::is_integral_v<T> && sizeof(T) <= 2) {
+      if (sizeof(T) == 1 || count >= kCountedMinimum16) {
+        counted(ValueCounts<T>(static_cast<const T*>(values), bits, count, noData));
+        done = true;
+      }
+    }
+  });
+  return done;
+}
+
+template <class Table>
+Moments MomentsOf(const Table& table) {
+  Moments m;
+  for (std::size_t k = 0; k < table.counts.size(); ++k) {
+    const std::uint32_t c = table.counts[k];
+    if (c == 0) continue;
+    const double v = table.Value(k), n = static_cast<double>(c);
+    if (m.count == 0) m.minimum = v;
+    m.maximum = v;
+    m.sum += n * v;
+    m.sumOfSquares += n * v * v;
+    m.count += c;
+  }
+  return m;
+}
+
+// The bin of value d among n bins over [lo, lo + n x width]; the ends take what lies beyond.
+std::size_t BinOf(double d, double lo, double width, std::size_t n) {
+  if (!(width > 0)) return 0;
+  const double k = std::floor((d - lo) / width);
+  return k < 0 ? 0 : (k >= static_cast<double>(n) ? n - 1 : static_cast<std::size_t>(k));
+}
+
+std::size_t BinCount(LONG pixelType) {
+  return pixelType >= 0 && pixelType <= 3
+             ? static_cast<std::size_t>(PixelRange(pixelType).highest) + 1
+             : static_cast<std::size_t>(kHistogramBins);
+}
+
+template <class Table>
+void AddBins(const Table& table, double lo, double hi, std::vector<double>* bins) {
+  const std::size_t n = bins->size();
+  const double width = (hi - lo) / static_cast<double>(n);
+  for (std::size_t k = 0; k < table.counts.size(); ++k)
+    if (table.counts[k] != 0)
+      (*bins)[BinOf(table.Value(k), lo, width, n)] += static_cast<double>(table.counts[k]);
+}
 }  // namespace
 
 Moments ComputeMoments(LONG pixelType, const void* values, const BYTE* bits, std::size_t count,
                        std::optional<double> noData) {
   Moments m;
-  ForEachValid(pixelType, values, bits, count, noData, [&](double d) { m.Add(d); });
+  const bool counted = WithCounts(pixelType, values, bits, count, noData,
+                                  [&](auto&& table) { m = MomentsOf(table); });
+  if (!counted) ForEachValid(pixelType, values, bits, count, noData, [&](double d) { m.Add(d); });
   return m;
+}
+
+void ComputeMomentsAndHistogram(LONG pixelType, const void* values, const BYTE* bits,
+                                std::size_t count, std::optional<double> noData, Moments* moments,
+                                double* lo, double* hi, std::vector<double>* bins) {
+  bins->assign(BinCount(pixelType), 0.0);
+  const bool counted = WithCounts(pixelType, values, bits, count, noData, [&](auto&& table) {
+    *moments = MomentsOf(table);
+    HistogramRange(pixelType, *moments, lo, hi);
+    AddBins(table, *lo, *hi, bins);
+  });
+  if (counted) return;
+  *moments = ComputeMoments(pixelType, values, bits, count, noData);
+  HistogramRange(pixelType, *moments, lo, hi);
+  AccumulateHistogram(pixelType, values, bits, count, noData, *lo, *hi, bins);
 }
 
 void HistogramRange(LONG pixelType, const Moments& m, double* lo, double* hi) {
@@ -79,14 +183,21 @@ void AccumulateHistogram(LONG pixelType, const void* values, const BYTE* bits, s
                             : static_cast<std::size_t>(kHistogramBins);
   if (bins->size() != n) bins->assign(n, 0.0);
   const double width = (hi - lo) / static_cast<double>(n);
-  ForEachValid(pixelType, values, bits, count, noData, [&](double d) {
+  const auto binOf = [&](double d) {
     std::size_t bin = 0;
     if (width > 0) {
       const double k = std::floor((d - lo) / width);
       bin = k < 0 ? 0 : (k >= static_cast<double>(n) ? n - 1 : static_cast<std::size_t>(k));
     }
-    (*bins)[bin] += 1;
+    return bin;
+  };
+  const bool counted = WithCounts(pixelType, values, bits, count, noData, [&](auto&& table) {
+    for (std::size_t k = 0; k < table.counts.size(); ++k)
+      if (table.counts[k] != 0)
+        (*bins)[binOf(table.Value(k))] += static_cast<double>(table.counts[k]);
   });
+  if (!counted)
+    ForEachValid(pixelType, values, bits, count, noData, [&](double d) { (*bins)[binOf(d)] += 1; });
 }
 
 HRESULT MakeStatistics(const Moments& m, IRasterStatistics** statistics) {

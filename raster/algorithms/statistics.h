@@ -30,6 +30,11 @@ void AccumulateHistogram(LONG pixelType, const void* values, const BYTE* mask, s
                          std::optional<double> noData, double lo, double hi,
                          std::vector<double>* bins);
 void HistogramRange(LONG pixelType, const Moments& m, double* lo, double* hi);
+// Both at once, the histogram over HistogramRange of the moments: integers of up to 16 bits
+// are read once.
+void ComputeMomentsAndHistogram(LONG pixelType, const void* values, const BYTE* mask,
+                                std::size_t count, std::optional<double> noData, Moments* moments,
+                                double* lo, double* hi, std::vector<double>* bins);
 
 HRESULT MakeStatistics(const Moments& m, IRasterStatistics** statistics);
 HRESULT MakeHistogram(double lo, double hi, std::vector<double> bins, IRasterHistogram** histogram);

@@ -1,10 +1,14 @@
 // The raster stretch: input ranges by type, the sigmoid table, computed gamma, hand-computed
-// mappings, and the table path against the pixel-by-pixel reference on every type pair.
+// mappings, the table path against the pixel-by-pixel reference on every type pair, and
+// the statistics and histograms that drive the stretch.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cmath>
 #include <cstring>
 #include <random>
 
+#include "raster/algorithms/statistics.h"
 #include "raster/algorithms/stretch.h"
 #include "raster/mask.h"
 #include "raster/pixel_traits.h"
@@ -141,3 +145,64 @@ TEST(Stretch, TablesEqualTheReferenceOnEveryTypePair) {
 
 }  // namespace
 }  // namespace pw::raster::stretch
+
+namespace pw::raster {
+namespace {
+
+// Statistics and histograms of every type, with invalid cells and a no-data value, against
+// a cell-by-cell count; runs long enough that 16-bit values go through the value table.
+TEST(BandStatistics, MomentsAndHistogramsEqualACellByCellCount) {
+  std::mt19937 random(5);
+  for (LONG type = 0; type <= 10; ++type) {
+    for (std::size_t n : {std::size_t{1000}, std::size_t{70001}}) {
+      SCOPED_TRACE(testing::Message() << "type " << type << ", " << n << " cells");
+      const ValueRange range = PixelRange(type);
+      const double low = std::max(range.lowest, -3000.0), high = std::min(range.highest, 3000.0);
+      std::vector<std::uint8_t> values(n * PixelSize(type));
+      std::vector<double> plain(n);
+      std::vector<BYTE> valid(mask::Bytes(n), 0xFF);
+      std::uniform_int_distribution<int> pick(static_cast<int>(low), static_cast<int>(high));
+      VisitPixelType(type, [&](auto tag) {
+        using T = typename decltype(tag)::type;
+        for (std::size_t i = 0; i < n; ++i) {
+          plain[i] = static_cast<double>(static_cast<T>(pick(random)));
+          reinterpret_cast<T*>(values.data())[i] = static_cast<T>(plain[i]);
+          if (random() % 7 == 0) mask::Clear(valid.data(), i);
+        }
+      });
+      const double noData = plain[3];
+      Moments want;
+      for (std::size_t i = 0; i < n; ++i)
+        if (mask::Get(valid.data(), i) && plain[i] != noData) want.Add(plain[i]);
+      Moments got;
+      double lo = 0, hi = 0;
+      std::vector<double> bins;
+      ComputeMomentsAndHistogram(type, values.data(), valid.data(), n, noData, &got, &lo, &hi,
+                                 &bins);
+      const Moments alone = ComputeMoments(type, values.data(), valid.data(), n, noData);
+      for (const Moments* m : {static_cast<const Moments*>(&got), &alone}) {
+        EXPECT_EQ(m->count, want.count);
+        EXPECT_EQ(m->minimum, want.minimum);
+        EXPECT_EQ(m->maximum, want.maximum);
+        EXPECT_NEAR(m->sum, want.sum, 1e-9 * std::abs(want.sumOfSquares));
+        EXPECT_NEAR(m->sumOfSquares, want.sumOfSquares, 1e-12 * want.sumOfSquares);
+      }
+      // The bins: each counted cell once, in the bin its value falls in.
+      std::vector<double> brute(bins.size(), 0.0);
+      const double width = (hi - lo) / static_cast<double>(bins.size());
+      for (std::size_t i = 0; i < n; ++i) {
+        if (!mask::Get(valid.data(), i) || plain[i] == noData) continue;
+        const double k = width > 0 ? std::floor((plain[i] - lo) / width) : 0;
+        brute[static_cast<std::size_t>(std::clamp(k, 0.0, static_cast<double>(bins.size() - 1)))] +=
+            1;
+      }
+      EXPECT_EQ(bins, brute);
+      std::vector<double> again;
+      AccumulateHistogram(type, values.data(), valid.data(), n, noData, lo, hi, &again);
+      EXPECT_EQ(again, brute);
+    }
+  }
+}
+
+}  // namespace
+}  // namespace pw::raster
