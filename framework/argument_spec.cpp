@@ -119,6 +119,11 @@ bool Matches(ArgumentKind kind, const Json& v) {
       return IsTypedObject(v) || (AllOf(v, IsStatistics) && !v.empty());
     case ArgumentKind::kHistograms:
       return IsTypedObject(v) || (AllOf(v, IsHistogram) && !v.empty());
+    case ArgumentKind::kTable:
+      return v.is_string() || IsTypedObject(v);
+    case ArgumentKind::kGeometries:
+      return v.is_string() || v.is_object() ||
+             (AllOf(v, [](const Json& e) { return e.is_object(); }) && !v.empty());
     case ArgumentKind::kEnvelope: {
       static constexpr const char* kCorners[] = {"XMin", "YMin", "XMax", "YMax"};
       return v.is_object() &&
@@ -206,6 +211,10 @@ std::string_view KindText(ArgumentKind kind) {
       return "an array of statistics, one a band: [minimum, maximum, mean, standard deviation]";
     case ArgumentKind::kHistograms:
       return "an array of histograms, one a band: {\"Minimum\", \"Maximum\", \"Counts\"}";
+    case ArgumentKind::kTable:
+      return "a table (a CSV file, a vector dataset's layer or a raster with an attribute table)";
+    case ArgumentKind::kGeometries:
+      return "shapes (GeoJSON, or a vector file)";
   }
   return "a value";
 }
@@ -425,6 +434,9 @@ Resolver ResolverOf(ArgumentKind kind) {
       return ResolveAndUpdate_ValueTypeDoubleArray;
     case ArgumentKind::kTexts:
       return ResolveAndUpdate_ValueTypeStringArray;
+    case ArgumentKind::kTable:
+    case ArgumentKind::kGeometries:
+      return ResolveAndUpdate_ValueTypeDatasets;  // a name, an object or a list
     case ArgumentKind::kStatistics:
     case ArgumentKind::kHistograms:
       return [](IRasterFunctionArguments* a, BSTR n, IRow* r, IPropertySet* s) {

@@ -35,6 +35,8 @@ enum class ArgumentKind {
   kObject,           // another object (multidimensional info, ...)
   kStatistics,       // per band: [minimum, maximum, mean, standard deviation]
   kHistograms,       // per band: {"Minimum", "Maximum", "Counts"}
+  kTable,            // a table: a file's name (CSV, vector dataset, raster) or a table object
+  kGeometries,       // shapes: GeoJSON, a vector file's name, or geometry objects
 };
 
 // What a kind is called in messages and descriptions ("a number", "an array of integers").

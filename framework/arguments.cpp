@@ -775,4 +775,27 @@ HRESULT RasterFunctionArguments::CreateEmpty(BasicFunctionArguments** fresh) con
   return S_OK;
 }
 
+// --- accessor helpers --------------------------------------------------------------------
+
+HRESULT HandOutBool(bool value, VARIANT_BOOL* out) {
+  return HandOut(VARIANT_BOOL(value ? VARIANT_TRUE : VARIANT_FALSE), out);
+}
+
+HRESULT HandOutText(std::u16string_view value, BSTR* out) {
+  PW_CHECK_POINTER(out);
+  *out = AllocBstr(value);
+  return *out != nullptr || value.empty() ? S_OK : E_OUTOFMEMORY;
+}
+
+HRESULT HandOutDoubles(const std::optional<std::vector<double>>& values, IDoubleArray** out) {
+  PW_CHECK_POINTER(out);
+  *out = nullptr;
+  if (!values) return S_FALSE;
+  return Guard([&] {
+    auto array = MakeObject<raster::DoubleArray>();
+    array->Items() = *values;
+    return array->QueryInterface(IidOf<IDoubleArray>(), reinterpret_cast<void**>(out));
+  });
+}
+
 }  // namespace pw::framework

@@ -153,6 +153,19 @@ class RasterFunctionArguments : public BasicFunctionArguments {
 
 // Resolves one named value against a row and a property set and, when the result is of
 // the helper's type, stores it under the same name; otherwise leaves the value as it was.
+// The typed accessors' out parameters: a boolean, a text, an object as interface I (S_FALSE
+// and null when there is none), numbers as a new double array (S_FALSE when absent).
+HRESULT HandOutBool(bool value, VARIANT_BOOL* out);
+HRESULT HandOutText(std::u16string_view value, BSTR* out);
+HRESULT HandOutDoubles(const std::optional<std::vector<double>>& values, IDoubleArray** out);
+template <class I>
+HRESULT HandOutObject(const ComPtr<IUnknown>& object, I** out) {
+  PW_CHECK_POINTER(out);
+  *out = nullptr;
+  if (!object) return S_FALSE;
+  return object->QueryInterface(IidOf<I>(), reinterpret_cast<void**>(out));
+}
+
 void ResolveAndUpdate_ValueTypeDataset(IRasterFunctionArguments* args, BSTR name, IRow* row,
                                        IPropertySet* set);
 void ResolveAndUpdate_ValueTypeDatasets(IRasterFunctionArguments* args, BSTR name, IRow* row,

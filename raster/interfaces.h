@@ -132,6 +132,17 @@ PW_ARRAY_INTERFACE(IVariantArray, VARIANT, VARIANT);
 PW_ARRAY_INTERFACE(IArray, IUnknown*, IUnknown*);
 PW_ARRAY_INTERFACE(IGeometryArray, IUnknown*, IUnknown*);
 
+// A shape in map coordinates: its kind (1 point, 2 multipoint, 3 polyline, 4 polygon,
+// 5 envelope) and its parts, each a run of x, y pairs (a polygon's rings, a polyline's paths,
+// the points; an envelope's two corners).
+PW_INTERFACE(IGeometry, IUnknown) {
+  virtual HRESULT STDMETHODCALLTYPE get_GeometryType(LONG * type) = 0;
+  virtual HRESULT STDMETHODCALLTYPE put_GeometryType(LONG type) = 0;
+  virtual HRESULT STDMETHODCALLTYPE get_PartCount(LONG * count) = 0;
+  virtual HRESULT STDMETHODCALLTYPE GetPart(LONG index, IDoubleArray * *coordinates) = 0;
+  virtual HRESULT STDMETHODCALLTYPE AddPart(IDoubleArray * coordinates) = 0;
+};
+
 // Collections that know their size as a 64-bit count.
 PW_INTERFACE(IItemCount, IUnknown) {
   virtual HRESULT STDMETHODCALLTYPE get_ItemCount(LONGLONG * count) = 0;

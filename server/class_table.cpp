@@ -12,6 +12,7 @@
 #include "functions/elementary/identity_function.h"
 #include "functions/elementary/ndvi_function.h"
 #include "functions/enhancement/mask_function.h"
+#include "functions/enhancement/remap_function.h"
 #include "functions/enhancement/stretch_function.h"
 #include "functions/terrain/aspect_function.h"
 #include "functions/terrain/hillshade_function.h"
@@ -58,6 +59,8 @@ PW_IMPLEMENTED_BY(HillshadeFunctionArguments, functions::HillshadeFunctionArgume
 PW_IMPLEMENTED_BY(MaskFunction, functions::MaskFunction)
 PW_IMPLEMENTED_BY(MaskFunctionArguments, functions::MaskFunctionArguments)
 PW_IMPLEMENTED_BY(StretchFunction, functions::StretchFunction)
+PW_IMPLEMENTED_BY(RemapFunction, functions::RemapFunction)
+PW_IMPLEMENTED_BY(RemapFunctionArguments, functions::RemapFunctionArguments)
 PW_IMPLEMENTED_BY(StretchFunctionArguments, functions::StretchFunctionArguments)
 #undef PW_IMPLEMENTED_BY
 

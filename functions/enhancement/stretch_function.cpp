@@ -85,18 +85,6 @@ constexpr bool kEstimate = framework::Default(kArguments, "EstimateStatsHistogra
 constexpr auto kSigmoidLevel =
     static_cast<LONG>(framework::Default(kArguments, "SigmoidStrengthLevel"));
 
-HRESULT HandOutBool(bool value, VARIANT_BOOL* out) {
-  return HandOut(VARIANT_BOOL(value ? VARIANT_TRUE : VARIANT_FALSE), out);
-}
-
-template <class I>
-HRESULT HandOutObject(const ComPtr<IUnknown>& object, I** out) {
-  PW_CHECK_POINTER(out);
-  *out = nullptr;
-  if (!object) return S_FALSE;
-  return object->QueryInterface(IidOf<I>(), reinterpret_cast<void**>(out));
-}
-
 }  // namespace
 
 // --- arguments ---------------------------------------------------------------------------
@@ -128,13 +116,13 @@ HRESULT StretchFunctionArguments::put_Gamma(IDoubleArray* gamma) {
   return PutNamedValue(u"Gamma", Variant(static_cast<IUnknown*>(gamma)));
 }
 HRESULT StretchFunctionArguments::get_Statistics(IArray** statistics) {
-  return HandOutObject(GetObject(u"Statistics"), statistics);
+  return framework::HandOutObject(GetObject(u"Statistics"), statistics);
 }
 HRESULT StretchFunctionArguments::put_Statistics(IArray* statistics) {
   return PutNamedValue(u"Statistics", Variant(static_cast<IUnknown*>(statistics)));
 }
 HRESULT StretchFunctionArguments::get_Histograms(IArray** histograms) {
-  return HandOutObject(GetObject(u"Histograms"), histograms);
+  return framework::HandOutObject(GetObject(u"Histograms"), histograms);
 }
 HRESULT StretchFunctionArguments::put_Histograms(IArray* histograms) {
   return PutNamedValue(u"Histograms", Variant(static_cast<IUnknown*>(histograms)));
@@ -151,7 +139,7 @@ HRESULT StretchFunctionArguments::put_NumberOfStandardDeviations(double count) {
   return PutNamedValue(u"NumberOfStandardDeviations", Variant(count));
 }
 HRESULT StretchFunctionArguments::get_UseGamma(VARIANT_BOOL* use) {
-  return HandOutBool(GetBool(u"UseGamma", false), use);
+  return framework::HandOutBool(GetBool(u"UseGamma", false), use);
 }
 HRESULT StretchFunctionArguments::put_UseGamma(VARIANT_BOOL use) {
   return PutNamedValue(u"UseGamma", Variant(use != VARIANT_FALSE));
@@ -181,19 +169,19 @@ HRESULT StretchFunctionArguments::put_MaxPercent(double value) {
   return PutNamedValue(u"MaxPercent", Variant(value));
 }
 HRESULT StretchFunctionArguments::get_DRA(VARIANT_BOOL* dra) {
-  return HandOutBool(GetBool(u"DRA", false), dra);
+  return framework::HandOutBool(GetBool(u"DRA", false), dra);
 }
 HRESULT StretchFunctionArguments::put_DRA(VARIANT_BOOL dra) {
   return PutNamedValue(u"DRA", Variant(dra != VARIANT_FALSE));
 }
 HRESULT StretchFunctionArguments::get_EstimateStatsHistogram(VARIANT_BOOL* estimate) {
-  return HandOutBool(GetBool(u"EstimateStatsHistogram", kEstimate), estimate);
+  return framework::HandOutBool(GetBool(u"EstimateStatsHistogram", kEstimate), estimate);
 }
 HRESULT StretchFunctionArguments::put_EstimateStatsHistogram(VARIANT_BOOL estimate) {
   return PutNamedValue(u"EstimateStatsHistogram", Variant(estimate != VARIANT_FALSE));
 }
 HRESULT StretchFunctionArguments::get_ComputeGamma(VARIANT_BOOL* compute) {
-  return HandOutBool(GetBool(u"ComputeGamma", false), compute);
+  return framework::HandOutBool(GetBool(u"ComputeGamma", false), compute);
 }
 HRESULT StretchFunctionArguments::put_ComputeGamma(VARIANT_BOOL compute) {
   return PutNamedValue(u"ComputeGamma", Variant(compute != VARIANT_FALSE));
@@ -394,6 +382,23 @@ HRESULT StretchFunction::BindImpl(IRasterFunctionArguments* arguments) {
     if (d && *d >= std::numeric_limits<std::int32_t>::min() &&
         *d <= std::numeric_limits<std::int32_t>::max())
       s.sigmoidLevel = static_cast<int>(*d);
+  }
+
+  // Settings that would map every value onto one end.
+  if (s.type == stretch::kPercentClip && !(s.minPercent + s.maxPercent < 100)) {
+    ReportError(E_INVALIDARG,
+                u"StretchFunction: \"MinPercent\" and \"MaxPercent\" clip " +
+                    ToUtf16(std::to_string(s.minPercent + s.maxPercent)) +
+                    u" % of the values together; they must leave some (less than 100).",
+                ClassId());
+    return ChainParamBindError(u"MinPercent", E_INVALIDARG);
+  }
+  if (s.type == stretch::kStandardDeviation && !(s.deviations > 0)) {
+    ReportError(E_INVALIDARG,
+                u"StretchFunction: \"NumberOfStandardDeviations\" must be positive; given " +
+                    ToUtf16(std::to_string(s.deviations)) + u".",
+                ClassId());
+    return ChainParamBindError(u"NumberOfStandardDeviations", E_INVALIDARG);
   }
 
   // Statistics and histograms the arguments give.

@@ -1,5 +1,6 @@
 // GDAL-backed datasets: description on open, pooled handles for reads.
 #include "raster/gdal/gdal_dataset.h"
+#include "raster/gdal/vector_sources.h"
 
 #include <cpl_conv.h>
 #include <cpl_error.h>
@@ -260,6 +261,7 @@ void Initialize() {
     GDALAllRegister();
     RegisterDatasetOpener(&OpenByName);
     RegisterReprojection({&SameByGdal, &CarryByGdal});
+    RegisterVectorSources();
     return true;
   }();
   (void)done;

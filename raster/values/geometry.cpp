@@ -1,12 +1,15 @@
-// Points and envelopes.
+// Points, envelopes and shapes.
 #include "raster/values/geometry.h"
 
 #include <cmath>
+
+#include "raster/values/arrays.h"
 
 namespace pw::raster {
 
 PW_REGISTER_VALUE_CLASS(Pnt);
 PW_REGISTER_VALUE_CLASS(Envelope);
+PW_REGISTER_VALUE_CLASS(Geometry);
 
 HRESULT Pnt::get_X(double* x) {
   return HandOut(x_, x);
@@ -100,6 +103,56 @@ HRESULT Envelope::get_SpatialReference(ISpatialReference** reference) {
 HRESULT Envelope::putref_SpatialReference(ISpatialReference* reference) {
   reference_.p = reference;
   return S_OK;
+}
+
+HRESULT Geometry::get_GeometryType(LONG* type) {
+  return HandOut(type_, type);
+}
+HRESULT Geometry::put_GeometryType(LONG type) {
+  return type_ = type, S_OK;
+}
+HRESULT Geometry::get_PartCount(LONG* count) {
+  return HandOut(static_cast<LONG>(sizes_.size()), count);
+}
+
+std::vector<double> Geometry::Part(std::size_t index) const {
+  std::size_t first = 0;
+  for (std::size_t i = 0; i < index && i < sizes_.size(); ++i)
+    first += 2 * static_cast<std::size_t>(sizes_[i]);
+  if (index >= sizes_.size()) return {};
+  const std::size_t end =
+      std::min(coordinates_.size(), first + 2 * static_cast<std::size_t>(sizes_[index]));
+  return std::vector<double>(coordinates_.begin() + static_cast<std::ptrdiff_t>(first),
+                             coordinates_.begin() + static_cast<std::ptrdiff_t>(end));
+}
+
+void Geometry::Add(const std::vector<double>& xy) {
+  coordinates_.insert(coordinates_.end(), xy.begin(),
+                      xy.end() - static_cast<std::ptrdiff_t>(xy.size() % 2));
+  sizes_.push_back(static_cast<LONG>(xy.size() / 2));
+}
+
+HRESULT Geometry::GetPart(LONG index, IDoubleArray** coordinates) {
+  PW_CHECK_POINTER(coordinates);
+  *coordinates = nullptr;
+  if (index < 0 || static_cast<std::size_t>(index) >= sizes_.size()) return E_INVALIDARG;
+  return Guard([&] {
+    auto array = MakeObject<DoubleArray>();
+    array->Items() = Part(static_cast<std::size_t>(index));
+    return array->QueryInterface(IidOf<IDoubleArray>(), reinterpret_cast<void**>(coordinates));
+  });
+}
+
+HRESULT Geometry::AddPart(IDoubleArray* coordinates) {
+  if (coordinates == nullptr) return E_INVALIDARG;
+  return Guard([&] {
+    LONG n = 0;
+    coordinates->get_Count(&n);
+    std::vector<double> xy(static_cast<std::size_t>(std::max<LONG>(n, 0)));
+    for (LONG i = 0; i < n; ++i) coordinates->get_Element(i, &xy[static_cast<std::size_t>(i)]);
+    Add(xy);
+    return S_OK;
+  });
 }
 
 }  // namespace pw::raster

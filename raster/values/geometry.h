@@ -1,7 +1,8 @@
-// Points and envelopes.
+// Points, envelopes and shapes.
 #pragma once
 
 #include <limits>
+#include <vector>
 
 #include "raster/persist/value_object.h"
 
@@ -59,6 +60,36 @@ class Envelope : public persist::ValueObject<Envelope, IEnvelope> {
   static constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
   double xmin_ = kNaN, ymin_ = kNaN, xmax_ = kNaN, ymax_ = kNaN;
   persist::ObjectField<ISpatialReference> reference_;
+};
+
+// A shape: its kind and its parts, stored as every part's x, y pairs one after another and
+// the number of pairs each part holds.
+class Geometry : public persist::ValueObject<Geometry, IGeometry> {
+ public:
+  static constexpr std::string_view kTypeName = "Geometry";
+  static constexpr auto Fields() {
+    return std::tuple{persist::Field("GeometryType", &Geometry::type_),
+                      persist::Field("Coordinates", &Geometry::coordinates_),
+                      persist::Field("PartSizes", &Geometry::sizes_)};
+  }
+
+  HRESULT STDMETHODCALLTYPE get_GeometryType(LONG* type) override;
+  HRESULT STDMETHODCALLTYPE put_GeometryType(LONG type) override;
+  HRESULT STDMETHODCALLTYPE get_PartCount(LONG* count) override;
+  HRESULT STDMETHODCALLTYPE GetPart(LONG index, IDoubleArray** coordinates) override;
+  HRESULT STDMETHODCALLTYPE AddPart(IDoubleArray* coordinates) override;
+
+  LONG Type() const { return type_; }
+  void SetType(LONG type) { type_ = type; }
+  // Part `index` as x, y pairs.
+  std::vector<double> Part(std::size_t index) const;
+  std::size_t PartCount() const { return sizes_.size(); }
+  void Add(const std::vector<double>& xy);
+
+ private:
+  LONG type_ = 0;
+  std::vector<double> coordinates_;
+  std::vector<LONG> sizes_;
 };
 
 }  // namespace pw::raster

@@ -40,6 +40,7 @@ const std::map<std::string, Json>& Correct() {
       {"CompositeBandFunction", {{"Rasters", {"dem.tif", "image.tif"}}}},
       {"MaskFunction", {{"Raster", "dem.tif"}}},
       {"StretchFunction", {{"Raster", "image.tif"}}},
+      {"RemapFunction", {{"Raster", "dem.tif"}, {"InputRanges", {0, 500}}, {"OutputValues", {1}}}},
   };
   return chains;
 }
@@ -57,7 +58,10 @@ Json WrongKind(ArgumentKind kind) {
     case ArgumentKind::kTexts:
     case ArgumentKind::kStatistics:
     case ArgumentKind::kHistograms:
-      return "3";  // one text where an array is wanted
+      return "3";
+    case ArgumentKind::kTable:
+    case ArgumentKind::kGeometries:
+      return 3;  // one text where an array is wanted
     case ArgumentKind::kInteger:
       return 2.5;
     case ArgumentKind::kNumber:

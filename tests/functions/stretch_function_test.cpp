@@ -345,6 +345,12 @@ TEST(StretchFunction, UnknownTypesAndBadStatisticsFailNamingTheArgument) {
       {{{u"StretchType", Variant(std::int32_t{5})}, {u"Statistics", Variant(3.0)}}, "Statistics"},
       {{{u"StretchType", Variant(std::int32_t{6})}, {u"Histograms", Doubles({1, 2})}},
        "Histograms"},
+      {{{u"StretchType", Variant(std::int32_t{6})},
+        {u"MinPercent", Variant(50.0)},
+        {u"MaxPercent", Variant(50.0)}},
+       "MinPercent"},
+      {{{u"StretchType", Variant(std::int32_t{3})}, {u"NumberOfStandardDeviations", Variant(0.0)}},
+       "NumberOfStandardDeviations"},
   };
   for (const Bad& c : bad) {
     SCOPED_TRACE(c.names);

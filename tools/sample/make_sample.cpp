@@ -1,7 +1,8 @@
 // pixwerk-sample: writes the bundled sample data into a folder: a fractal terrain DEM
 // (dem.tif, 32-bit float, 30 m cells, WGS 84 / UTM zone 33N), a four-band image
-// (image.tif, 16-bit, bands blue/green/red/nir derived from the terrain) and a chain that
-// reads the DEM (chain.json). Usage: pixwerk-sample FOLDER [SIZE]
+// (image.tif, 16-bit, bands blue/green/red/nir derived from the terrain), a land-cover
+// raster with its legend (landcover.tif, landcover_legend.csv) and a chain that reads the
+// DEM (chain.json). Usage: pixwerk-sample FOLDER [SIZE]
 #include <cpl_conv.h>
 #include <cpl_string.h>
 #include <gdal.h>
@@ -135,6 +136,17 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "pixwerk-sample: cannot write %s/image.tif\n", folder.c_str());
     return 1;
   }
+  // Land cover codes: 1 water (the lake), 2 forest, 3 grassland (below 700 m), 4 rock (above
+  // 1200 m); and the legend that groups them into habitats.
+  std::vector<double> cover(dem.size());
+  for (std::size_t i = 0; i < dem.size(); ++i)
+    cover[i] = dem[i] == -9999 ? 1 : dem[i] < 700 ? 3 : dem[i] < 1200 ? 2 : 4;
+  if (!Write(folder + "/landcover.tif", size, 1, GDT_Byte, {cover}, {"LandCover"}, 0)) {
+    std::fprintf(stderr, "pixwerk-sample: cannot write %s/landcover.tif\n", folder.c_str());
+    return 1;
+  }
+  std::ofstream(folder + "/landcover_legend.csv")
+      << "code,name,habitat\n1,water,10\n2,forest,20\n3,grassland,20\n4,rock,30\n";
   std::ofstream(folder + "/chain.json") << R"({
   "function": "IdentityFunction",
   "arguments": { "Raster": "dem.tif" },
@@ -142,7 +154,9 @@ int main(int argc, char** argv) {
   "name": "Sample elevation"
 }
 )";
-  std::printf("sample written to %s: dem.tif, image.tif (%d x %d), chain.json\n", folder.c_str(),
-              size, size);
+  std::printf(
+      "sample written to %s: dem.tif, image.tif, landcover.tif (%d x %d), "
+      "landcover_legend.csv, chain.json\n",
+      folder.c_str(), size, size);
   return 0;
 }

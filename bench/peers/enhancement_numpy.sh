@@ -1,11 +1,11 @@
 #!/usr/bin/env bash
 # The stretch of a 16-bit band to 8 bits against NumPy on the same 8192 x 8192 array, and
-# file to file against an identity export of the same file and gdal_translate -scale, in one
-# run; prints cells per second and ratios. Each side computes the statistics its stretch
+# the stretch and mask chains file to file against an identity export of the same file and
+# gdal_translate -scale, in one run; prints cells per second and ratios. Each side computes the statistics its stretch
 # needs from the whole array: minimum and maximum, mean and standard deviation, or for the
 # percent clip the histogram (NumPy's bincount, cumulative sums and a lookup table).
 # NumPy runs on one core; Pixwerk is timed on one thread (per-core ratio) and on two.
-# Usage: bench/peers/stretch_numpy.sh [SIZE]   (file size, default 8192; build the release
+# Usage: bench/peers/enhancement_numpy.sh [SIZE]   (file size, default 8192; build the release
 # preset first; needs python3-numpy and python3-gdal)
 set -euo pipefail
 cd "$(dirname "$0")/../.."
@@ -77,7 +77,7 @@ for name, code, goal in cases:
     print(f"{name:<18}{peer/1e6:>11.0f} M/s{one/1e6:>8.0f} M/s{one/peer:>7.1f}x{goal:>6}x{two/1e6:>8.0f} M/s")
 PY
 
-echo "== file to file: ${size} x ${size} UInt16 GeoTIFF of four bands to 8 bits"
+echo "== file to file: ${size} x ${size} UInt16 GeoTIFF of four bands (stretches to 8 bits)"
 "$bin/pixwerk-sample" "$work" 1024 > /dev/null
 gdal_translate -q -outsize "$size" "$size" -r bilinear -co TILED=YES "$work/image.tif" "$work/input.tif"
 cat > "$work/identity.json" <<'JSON'
@@ -89,6 +89,9 @@ for type in MinimumMaximum StandardDeviation PercentClip; do
   "pixelType": "U8" }
 JSON
 done
+cat > "$work/MaskRange.json" <<'JSON'
+{ "function": "MaskFunction", "arguments": { "Raster": "input.tif", "IncludedRanges": [500, 1500] } }
+JSON
 cat > "$work/DRA.json" <<'JSON'
 { "function": "StretchFunction",
   "arguments": { "Raster": "input.tif", "StretchType": "MinimumMaximum", "DRA": true },
@@ -112,7 +115,7 @@ best() {  # command...: the best of three runs
 export GDAL_NUM_THREADS=ALL_CPUS
 identity=$(best "$bin/pixwerk" run "$work/identity.json" -o "$work/identity.tif" --quiet)
 printf "%-18s %6.2f s\n" "identity export" "$identity"
-for job in MinimumMaximum StandardDeviation PercentClip DRA; do
+for job in MinimumMaximum StandardDeviation PercentClip DRA MaskRange; do
   x=$(best "$bin/pixwerk" run "$work/$job.json" -o "$work/$job.tif" --quiet)
   printf "%-18s %6.2f s   %4.2fx the identity export (goal <= 1.3x)\n" "$job" "$x" "$(echo "$x / $identity" | bc -l)"
 done
