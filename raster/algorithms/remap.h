@@ -16,6 +16,7 @@
 #include <cstdint>
 #include <limits>
 #include <memory>
+#include <mutex>
 #include <unordered_map>
 #include <vector>
 
@@ -57,9 +58,11 @@ class Remapper {
   // The output of value v: true with *out set when the pixel stays valid.
   bool Map(double v, double* out) const;
 
-  // Maps `pixels` values of `inType` into `outType`; pixels whose mask bit is clear are left
-  // alone, pixels that become invalid get their bit cleared. With `zones`, only pixels whose
-  // zone is not 0 are remapped; the others keep their input value.
+  // Maps `pixels` values of `inType` into `outType`; pixels that become invalid get their bit
+  // cleared, and the values of pixels whose bit is clear are unspecified. With `zones`, only
+  // pixels whose zone is not 0 are remapped; the others keep their input value. Integer
+  // inputs of up to 16 bits go through a table of every value's result, built once for each
+  // output type and kept.
   HRESULT Apply(LONG inType, const void* in, BYTE* mask, std::size_t pixels, LONG outType,
                 void* out, const std::uint8_t* zones = nullptr) const;
 
@@ -71,6 +74,16 @@ class Remapper {
   bool Search(double v, double* out) const;      // through the chosen structure
   bool ListSearch(double v, double* out) const;  // the rule list, first wins
   bool Finish(double v, double found, bool matched, double* out) const;
+  void BuildBuckets();
+
+  // Every value's result for one output type: the output's bytes and whether it stays valid.
+  struct ValueTable {
+    std::once_flag once;
+    std::vector<std::uint8_t> values;
+    std::vector<std::uint8_t> keep;
+    bool keepsAll = true;
+  };
+  const ValueTable& TableFor(LONG outType) const;
 
   Rules rules_;
   LONG inputType_;
@@ -78,6 +91,11 @@ class Remapper {
   Structure structure_;
   std::vector<double> dense_;
   std::unordered_map<std::uint64_t, double> singles_;
+  // The rule list's buckets over [lowest, highest): the first matching rule's number (0:
+  // none), or -1 for buckets that must search the list.
+  std::vector<std::int32_t> buckets_;
+  double bucketScale_ = 0;
+  std::unique_ptr<ValueTable[]> tables_;  // one an output type code, built on first use
 };
 
 }  // namespace pw::raster::remap
