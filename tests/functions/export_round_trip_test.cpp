@@ -159,6 +159,12 @@ ComPtr<IRaster> Chain(const Case& c, Invalid invalid) {
   } else if (f == "MaskFunction") {
     put(u"Raster", Holding(Input(c.type, 2, invalid, 9).Get()));
     put(u"IncludedRanges", test::Doubles({0, 100, 0, 100}));
+  } else if (f == "RemapFunction") {
+    // Low values to one class, the rest kept: both kinds of output in one file.
+    put(u"Raster", Holding(Input(c.type, 2, invalid, 11).Get()));
+    put(u"InputRanges", test::Doubles({0, 50}));
+    put(u"OutputValues", test::Doubles({7}));
+    put(u"AllowUnmatched", Variant(true));
   } else if (f == "StretchFunction") {
     // Percent clip onto [0, 255]: a no-data value of the input inside it is dropped, and its
     // cells must stay invalid through the mask.
@@ -254,7 +260,7 @@ std::vector<Case> Cases() {
   // The computed outputs over inputs of a few types.
   for (const char* function :
        {"NDVIFunction", "SlopeFunction", "AspectFunction", "HillshadeFunction", "MaskFunction",
-        "StretchFunction"})
+        "RemapFunction", "StretchFunction"})
     for (const LONG type : {raster::kPixelU8, raster::kPixelS16, raster::kPixelU32,
                             raster::kPixelF32, raster::kPixelF64})
       cases.push_back({function, type});

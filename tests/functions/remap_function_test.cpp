@@ -546,6 +546,36 @@ TEST_F(RemapSources, ZonesLimitTheRemapAndMayNotOverlap) {
   EXPECT_NE(test::LastError().find("GeometryType"), std::string::npos);
 }
 
+TEST(RemapFunction, ZonesGivenAsGeoJsonSaveAndLoadBackEqual) {
+  auto args = test::Create<IRasterFunctionArguments>(u"RemapFunctionArguments");
+  const Bstr json(
+      u"{\"Raster\": \"dem.tif\", \"InputRanges\": [0, 10], \"OutputValues\": [1], "
+      u"\"Geometries\": {\"type\": \"MultiPolygon\", \"coordinates\": [[[[0, 0], [4, 0], "
+      u"[4, 4], [0, 0]]], [[[5, 5], [6, 5], [6, 6], [5, 5]]]]}}");
+  ASSERT_EQ(args.As<IRasterFunctionArguments2>()->FromJSON(json.Get()), S_OK) << test::LastError();
+  ComPtr<IGeometryArray> geometries;
+  ASSERT_EQ(args.As<IRemapFunctionArguments>()->get_Geometries(&geometries), S_OK);
+  std::vector<raster::zones::Shape> shapes;
+  ASSERT_EQ(raster::zones::ShapesOf(geometries.Get(), &shapes), S_OK);
+  ASSERT_EQ(shapes.size(), 1u);
+  EXPECT_EQ(shapes[0].kind, raster::zones::kPolygon);
+  EXPECT_EQ(shapes[0].parts.size(), 2u);
+  Bstr saved;
+  ASSERT_EQ(args.As<IRasterFunctionArguments2>()->ToJSON(&saved), S_OK);
+  auto again = test::Create<IRasterFunctionArguments>(u"RemapFunctionArguments");
+  ASSERT_EQ(again.As<IRasterFunctionArguments2>()->FromJSON(saved.Get()), S_OK)
+      << ToUtf8(saved.View());
+  VARIANT_BOOL equal = VARIANT_FALSE;
+  ASSERT_EQ(again.As<IClone>()->IsEqual(args.As<IClone>().Get(), &equal), S_OK);
+  EXPECT_TRUE(equal) << ToUtf8(saved.View());
+  // Malformed GeoJSON says what is wrong.
+  const Bstr bad(
+      u"{\"Raster\": \"dem.tif\", \"Geometries\": {\"type\": \"Polygon\", "
+      u"\"coordinates\": [[[0, 0], [1, 1]]]}}");
+  EXPECT_TRUE(FAILED(again.As<IRasterFunctionArguments2>()->FromJSON(bad.Get())));
+  EXPECT_NE(test::LastError().find("three positions"), std::string::npos) << test::LastError();
+}
+
 TEST(Zones, CellsAreCoveredByTheirCentresEdgesAndPoints) {
   using raster::zones::Shape;
   const raster::zones::BlockGrid grid{0, 6, 1, 1, 6, 6};
@@ -560,9 +590,7 @@ TEST(Zones, CellsAreCoveredByTheirCentresEdgesAndPoints) {
        // Centres from 0.5 up to (not at) 5.5 on each axis, less the hole's four.
        {6, 7, 8, 9, 10, 12, 13, 16, 18, 19, 22, 24, 25, 26, 27, 28, 30, 31, 32, 33, 34}},
       {"an envelope", {{raster::zones::kEnvelope, {{1, 4, 3, 6}}}}, {1, 2, 7, 8}},
-      {"a diagonal line",
-       {{raster::zones::kPolyline, {{0.5, 5.5, 2.5, 3.5}}}},
-       {0, 7, 14}},
+      {"a diagonal line", {{raster::zones::kPolyline, {{0.5, 5.5, 2.5, 3.5}}}}, {0, 7, 14}},
       {"points", {{raster::zones::kMultipoint, {{0.2, 5.8, 5.9, 0.1, 9, 9}}}}, {0, 35}},
   };
   for (const auto& c : cases) {
