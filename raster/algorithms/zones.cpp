@@ -102,12 +102,40 @@ HRESULT Geometry(const Json& g, std::vector<Shape>* shapes, int depth) {
   return S_OK;
 }
 
+// The part t0 .. t1 of the segment (x0, y0) - (x1, y1) that lies over the block grown by one
+// cell on each side (Liang-Barsky); false when none does or a coordinate is not finite.
+bool Clip(double x0, double y0, double x1, double y1, const BlockGrid& g, double* t0, double* t1) {
+  if (!std::isfinite(x0) || !std::isfinite(y0) || !std::isfinite(x1) || !std::isfinite(y1))
+    return false;
+  const double xmin = g.x0 - g.cellX, xmax = g.x0 + (g.columns + 1) * g.cellX;
+  const double ymax = g.y0 + g.cellY, ymin = g.y0 - (g.rows + 1) * g.cellY;
+  const double dx = x1 - x0, dy = y1 - y0;
+  const double p[4] = {-dx, dx, -dy, dy};
+  const double q[4] = {x0 - xmin, xmax - x0, y0 - ymin, ymax - y0};
+  for (int k = 0; k < 4; ++k) {
+    if (p[k] == 0) {
+      if (q[k] < 0) return false;
+      continue;
+    }
+    const double r = q[k] / p[k];
+    if (p[k] < 0) {
+      *t0 = std::max(*t0, r);
+    } else {
+      *t1 = std::min(*t1, r);
+    }
+  }
+  return *t0 <= *t1;
+}
+
 // Cells a shape covers: calls mark(column, row) for each (a cell may come more than once).
 template <class Mark>
 void Cover(const Shape& s, const BlockGrid& g, Mark&& mark) {
+  // The cell of a position, -1 for positions off the block (or not finite).
   auto cellOf = [&](double x, double y, LONG* c, LONG* r) {
-    *c = static_cast<LONG>(std::floor((x - g.x0) / g.cellX));
-    *r = static_cast<LONG>(std::floor((g.y0 - y) / g.cellY));
+    const double cx = std::floor((x - g.x0) / g.cellX), cy = std::floor((g.y0 - y) / g.cellY);
+    const bool on = cx >= 0 && cy >= 0 && cx < g.columns && cy < g.rows;
+    *c = on ? static_cast<LONG>(cx) : -1;
+    *r = on ? static_cast<LONG>(cy) : -1;
   };
   auto inside = [&](LONG c, LONG r) { return c >= 0 && r >= 0 && c < g.columns && r < g.rows; };
   if (s.kind == kPoint || s.kind == kMultipoint) {
@@ -125,10 +153,14 @@ void Cover(const Shape& s, const BlockGrid& g, Mark&& mark) {
     for (const auto& part : s.parts)
       for (std::size_t i = 0; i + 3 < part.size(); i += 2) {
         const double x0 = part[i], y0 = part[i + 1], x1 = part[i + 2], y1 = part[i + 3];
-        const double length = std::hypot(x1 - x0, y1 - y0);
+        // Only the piece of the segment over the block (grown by a cell) is walked, so a
+        // segment's length beyond the block costs nothing.
+        double t0 = 0, t1 = 1;
+        if (!Clip(x0, y0, x1, y1, g, &t0, &t1)) continue;
+        const double length = std::hypot(x1 - x0, y1 - y0) * (t1 - t0);
         const auto steps = static_cast<std::size_t>(std::ceil(length / step)) + 1;
         for (std::size_t k = 0; k <= steps; ++k) {
-          const double t = static_cast<double>(k) / static_cast<double>(steps);
+          const double t = t0 + (t1 - t0) * static_cast<double>(k) / static_cast<double>(steps);
           LONG c = 0, r = 0;
           cellOf(x0 + t * (x1 - x0), y0 + t * (y1 - y0), &c, &r);
           if (inside(c, r)) mark(c, r);
@@ -166,9 +198,10 @@ void Cover(const Shape& s, const BlockGrid& g, Mark&& mark) {
       // Centres x0 + (c + 0.5) cell with crossings[k] <= x < crossings[k + 1].
       const double a = (crossings[k] - g.x0) / g.cellX - 0.5;
       const double b = (crossings[k + 1] - g.x0) / g.cellX - 0.5;
-      const auto first = static_cast<LONG>(std::max(0.0, std::ceil(a)));
-      const double lastCentre = std::ceil(b) - 1;
-      const auto last = static_cast<LONG>(std::min(static_cast<double>(g.columns - 1), lastCentre));
+      if (!std::isfinite(a) || !std::isfinite(b)) continue;
+      const auto first =
+          static_cast<LONG>(std::clamp(std::ceil(a), 0.0, static_cast<double>(g.columns)));
+      const auto last = static_cast<LONG>(std::clamp(std::ceil(b) - 1, -1.0, g.columns - 1.0));
       for (LONG c = first; c <= last; ++c) mark(c, r);
     }
   }

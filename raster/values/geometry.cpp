@@ -1,6 +1,7 @@
 // Points, envelopes and shapes.
 #include "raster/values/geometry.h"
 
+#include <algorithm>
 #include <cmath>
 
 #include "raster/values/arrays.h"
@@ -116,12 +117,15 @@ HRESULT Geometry::get_PartCount(LONG* count) {
 }
 
 std::vector<double> Geometry::Part(std::size_t index) const {
-  std::size_t first = 0;
-  for (std::size_t i = 0; i < index && i < sizes_.size(); ++i)
-    first += 2 * static_cast<std::size_t>(sizes_[i]);
+  // Sizes read from a stream may disagree with the coordinates: a part reaches only as far
+  // as the coordinates do, and a negative size counts as none.
+  const auto pairs = [&](std::size_t i) {
+    return 2 * static_cast<std::size_t>(std::max<LONG>(sizes_[i], 0));
+  };
   if (index >= sizes_.size()) return {};
-  const std::size_t end =
-      std::min(coordinates_.size(), first + 2 * static_cast<std::size_t>(sizes_[index]));
+  std::size_t first = 0;
+  for (std::size_t i = 0; i < index; ++i) first = std::min(coordinates_.size(), first + pairs(i));
+  const std::size_t end = std::min(coordinates_.size(), first + pairs(index));
   return std::vector<double>(coordinates_.begin() + static_cast<std::ptrdiff_t>(first),
                              coordinates_.begin() + static_cast<std::ptrdiff_t>(end));
 }

@@ -592,6 +592,15 @@ TEST(Zones, CellsAreCoveredByTheirCentresEdgesAndPoints) {
       {"an envelope", {{raster::zones::kEnvelope, {{1, 4, 3, 6}}}}, {1, 2, 7, 8}},
       {"a diagonal line", {{raster::zones::kPolyline, {{0.5, 5.5, 2.5, 3.5}}}}, {0, 7, 14}},
       {"points", {{raster::zones::kMultipoint, {{0.2, 5.8, 5.9, 0.1, 9, 9}}}}, {0, 35}},
+      // Coordinates far off the block or not numbers cost nothing and cover nothing wrong.
+      {"a line reaching far beyond the block",
+       {{raster::zones::kPolyline, {{-1e15, 0.5, 1e15, 0.5}}}},
+       {30, 31, 32, 33, 34, 35}},
+      {"shapes with coordinates that are not numbers",
+       {{raster::zones::kPolygon, {{kNaN, 0, 1, 1, 0, 1}}},
+        {raster::zones::kPolyline, {{0, kNaN, 1, 1}}},
+        {raster::zones::kPoint, {{kNaN, 1e300}}}},
+       {}},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
