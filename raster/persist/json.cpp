@@ -302,6 +302,11 @@ HRESULT ParseJson(std::string_view text, Json* json, std::string_view what) {
     if (colon != std::string::npos) reason = reason.substr(colon + 2);
     return ReportError(E_INVALIDARG, name + " is not well-formed JSON at " +
                                          Position(text, error.byte) + ": " + reason);
+  } catch (const nlohmann::json::out_of_range&) {
+    // Raised for a number too large for a double, e.g. 1E400; the parser gives no position.
+    return ReportError(E_INVALIDARG, name + " holds a number too large to represent");
+  } catch (const nlohmann::json::exception& error) {
+    return ReportError(E_INVALIDARG, name + " could not be read: " + error.what());
   }
 }
 

@@ -94,6 +94,8 @@ TEST_F(ChainJson, MalformedChainsNameWhatIsWrong) {
     const char* expected;
   } cases[] = {
       {"{ \"function\": ", "not well-formed JSON"},
+      {R"({ "function": "SlopeFunction", "arguments": { "DEM": 2E2222222 } })",
+       "a number too large to represent"},
       {"[1, 2]", "\"function\""},
       {R"({ "arguments": {} })", "\"function\""},
       {R"({ "function": "NoSuchFunction" })", "unknown function 'NoSuchFunction'"},
