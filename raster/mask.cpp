@@ -79,6 +79,21 @@ bool AllValid(const std::uint8_t* m, std::size_t first, std::size_t count) {
   return !AnyDiffers(m + first / 8, count, true);
 }
 
+void SetRange(std::uint8_t* m, std::size_t first, std::size_t count) {
+  for (; count > 0 && first % 8 != 0; ++first, --count) Set(m, first);
+  std::memset(m + first / 8, 0xFF, count / 8);
+  for (std::size_t i = first + count / 8 * 8; i < first + count; ++i) Set(m, i);
+}
+
+void CopyRange(const std::uint8_t* source, std::size_t from, std::uint8_t* target, std::size_t to,
+               std::size_t count) {
+  if (AllValid(source, from, count)) {
+    SetRange(target, to, count);
+    return;
+  }
+  for (std::size_t k = 0; k < count; ++k) Put(target, to + k, Get(source, from + k));
+}
+
 bool AnyValid(const std::uint8_t* m, std::size_t pixels) {
   return AnyDiffers(m, pixels, false);
 }

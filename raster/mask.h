@@ -48,6 +48,12 @@ std::size_t Count(const std::uint8_t* m, std::size_t pixels);
 bool AllValid(const std::uint8_t* m, std::size_t pixels);
 // Whether pixels first .. first + count - 1 are all valid, at any bit offset.
 bool AllValid(const std::uint8_t* m, std::size_t first, std::size_t count);
+// Marks pixels first .. first + count - 1 valid, whole bytes at a time where it can.
+void SetRange(std::uint8_t* m, std::size_t first, std::size_t count);
+// Copies the bits of `count` pixels from source pixel `from` to target pixel `to`, at any bit
+// offsets; runs that are all valid or all invalid go whole bytes at a time.
+void CopyRange(const std::uint8_t* source, std::size_t from, std::uint8_t* target, std::size_t to,
+               std::size_t count);
 // Whether any pixel is valid; stops at the first.
 bool AnyValid(const std::uint8_t* m, std::size_t pixels);
 // destination |= source, or destination &= source, over `bytes` bytes.

@@ -147,11 +147,12 @@ HRESULT MemoryDataset::ReadWindow(LONG band, LONG column, LONG row, LONG width, 
   const auto* data = static_cast<const std::uint8_t*>(b.Data());
   auto* out = static_cast<std::uint8_t*>(buffer);
   const std::size_t pixels = static_cast<std::size_t>(width) * static_cast<std::size_t>(height);
-  std::memset(out, 0, pixels * size);
   mask::Fill(bits, pixels, false);
-  // The part of the window inside the grid, copied row by row.
+  // The part of the window inside the grid, copied row by row; cells outside it are 0.
   const LONG c0 = std::max<LONG>(column, 0), c1 = std::min<LONG>(column + width, grid_.columns);
   const LONG r0 = std::max<LONG>(row, 0), r1 = std::min<LONG>(row + height, grid_.rows);
+  if (c0 != column || r0 != row || c1 != column + width || r1 != row + height)
+    std::memset(out, 0, pixels * size);
   const std::optional<double> noData = b.NoData();
   for (LONG r = r0; r < r1 && c0 < c1; ++r) {
     const std::size_t src = static_cast<std::size_t>(r) * static_cast<std::size_t>(grid_.columns) +
@@ -159,9 +160,7 @@ HRESULT MemoryDataset::ReadWindow(LONG band, LONG column, LONG row, LONG width, 
     const std::size_t dst = static_cast<std::size_t>(r - row) * static_cast<std::size_t>(width) +
                             static_cast<std::size_t>(c0 - column);
     std::memcpy(out + dst * size, data + src * size, static_cast<std::size_t>(c1 - c0) * size);
-    for (LONG c = 0; c < c1 - c0; ++c)
-      if (mask::Get(b.Mask(), src + static_cast<std::size_t>(c)))
-        mask::Set(bits, dst + static_cast<std::size_t>(c));
+    mask::CopyRange(b.Mask(), src, bits, dst, static_cast<std::size_t>(c1 - c0));
   }
   if (noData) {
     VisitPixelType(pixelType_, [&](auto tag) {

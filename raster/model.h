@@ -78,11 +78,37 @@ PW_INTERFACE(IRasterKeyPropertySource, IUnknown) {
   virtual HRESULT STDMETHODCALLTYPE GetKeyProperty(BSTR name, VARIANT * value) = 0;
 };
 
-// A filter attached to a raster view: it asks for `margin` more cells on every side and
-// computes the output block from that grown input.
+struct IRaster;
+
+// A filter attached to a raster view. The view hands it a view of its own grid, type and
+// bands without the filter (`source`) and the block to fill at (column, row); the filter
+// reads the window it needs from `source` itself.
 PW_INTERFACE(IRasterFilter, IUnknown) {
-  virtual HRESULT STDMETHODCALLTYPE get_Margin(LONG * margin) = 0;
-  virtual HRESULT STDMETHODCALLTYPE Filter(IPixelBlock * grownInput, IPixelBlock * output) = 0;
+  virtual HRESULT STDMETHODCALLTYPE Filter(IRaster * source, LONG column, LONG row,
+                                           IPixelBlock * output) = 0;
+};
+
+// A kernel filter: a built-in kernel by type code, or a user kernel of a given size (type
+// -1); with MirrorEdges the raster is mirrored at its edges, otherwise cells whose window
+// reaches beyond them are invalid.
+PW_INTERFACE(IRasterConvolutionFilter, IUnknown) {
+  virtual HRESULT STDMETHODCALLTYPE get_Type(LONG * type) = 0;
+  virtual HRESULT STDMETHODCALLTYPE put_Type(LONG type) = 0;
+  // The user kernel's size; its weights row by row, columns x rows of them.
+  virtual HRESULT STDMETHODCALLTYPE PutSize(LONG columns, LONG rows) = 0;
+  virtual HRESULT STDMETHODCALLTYPE PutKernel(IDoubleArray * weights) = 0;
+  virtual HRESULT STDMETHODCALLTYPE get_MirrorEdges(VARIANT_BOOL * mirror) = 0;
+  virtual HRESULT STDMETHODCALLTYPE put_MirrorEdges(VARIANT_BOOL mirror) = 0;
+};
+
+// A focal statistics filter: a statistic (1 minimum, 2 maximum, 3 mean, 4 standard
+// deviation, 5 median, 6 majority, 7 minority) of the valid cells of a window around each
+// cell, or, with FillNoDataOnly, only for invalid cells.
+PW_INTERFACE(IFocalStatisticsFilter, IUnknown) {
+  virtual HRESULT STDMETHODCALLTYPE PutSize(LONG columns, LONG rows) = 0;
+  virtual HRESULT STDMETHODCALLTYPE get_Statistic(LONG * statistic) = 0;
+  virtual HRESULT STDMETHODCALLTYPE put_Statistic(LONG statistic) = 0;
+  virtual HRESULT STDMETHODCALLTYPE put_FillNoDataOnly(VARIANT_BOOL fill) = 0;
 };
 
 namespace pw::raster {

@@ -205,16 +205,10 @@ HRESULT Raster::ReadAt(LONG column, LONG row, IPixelBlock* block) {
   if (block == nullptr) return E_POINTER;
   return Guard([&]() -> HRESULT {
     if (!filter_) return ReadBands(column, row, block);
-    // The filter reads its margin around the block from this view.
-    LONG margin = 0;
-    PW_RETURN_IF_FAILED(filter_->get_Margin(&margin));
-    BlockShape shape;
-    PW_RETURN_IF_FAILED(GetShape(block, &shape));
-    ComPtr<IPixelBlock> grown;
-    PW_RETURN_IF_FAILED(raster::CreatePixelBlock(
-        shape.width + 2 * margin, shape.height + 2 * margin, shape.bands, shape.pixelType, &grown));
-    PW_RETURN_IF_FAILED(ReadBands(column - margin, row - margin, grown.Get()));
-    return filter_->Filter(grown.Get(), block);
+    // The filter reads its window from a copy of this view without the filter.
+    auto plain = MakeObject<Raster>(static_cast<const Raster&>(*this));
+    plain->filter_ = nullptr;
+    return filter_->Filter(plain.As<IRaster>().Get(), column, row, block);
   });
 }
 

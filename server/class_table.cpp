@@ -11,8 +11,10 @@
 #include "functions/elementary/constant_function.h"
 #include "functions/elementary/identity_function.h"
 #include "functions/elementary/ndvi_function.h"
+#include "functions/enhancement/convolution_function.h"
 #include "functions/enhancement/mask_function.h"
 #include "functions/enhancement/remap_function.h"
+#include "functions/enhancement/statistics_function.h"
 #include "functions/enhancement/stretch_function.h"
 #include "functions/terrain/aspect_function.h"
 #include "functions/terrain/hillshade_function.h"
@@ -62,6 +64,10 @@ PW_IMPLEMENTED_BY(StretchFunction, functions::StretchFunction)
 PW_IMPLEMENTED_BY(RemapFunction, functions::RemapFunction)
 PW_IMPLEMENTED_BY(RemapFunctionArguments, functions::RemapFunctionArguments)
 PW_IMPLEMENTED_BY(StretchFunctionArguments, functions::StretchFunctionArguments)
+PW_IMPLEMENTED_BY(ConvolutionFunction, functions::ConvolutionFunction)
+PW_IMPLEMENTED_BY(ConvolutionFunctionArguments, functions::ConvolutionFunctionArguments)
+PW_IMPLEMENTED_BY(StatisticsFunction, functions::StatisticsFunction)
+PW_IMPLEMENTED_BY(StatisticsFunctionArguments, functions::StatisticsFunctionArguments)
 #undef PW_IMPLEMENTED_BY
 
 template <ClassId Id>

@@ -9,11 +9,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/../.."
 size="${1:-8192}"
-bin=build/release/bin
-bench=build/release/bench/pixwerk_bench
-python=/usr/bin/python3
-work="$(mktemp -d)"
-trap 'rm -rf "$work"' EXIT
+source bench/peers/lib.sh
 
 echo "== arrays of 16 M cells, $(nproc) cores"
 "$python" - "$work" <<'PY'
@@ -105,13 +101,6 @@ JSON
 cat > "$work/ndvi.json" <<'JSON'
 { "function": "NDVIFunction", "arguments": { "Raster": "input.tif", "ScientificOutput": true } }
 JSON
-seconds() {  # command...
-  local start end
-  start=$(date +%s.%N)
-  "$@" > /dev/null 2>&1
-  end=$(date +%s.%N)
-  echo "$end - $start" | bc -l
-}
 export GDAL_NUM_THREADS=ALL_CPUS
 for job in sum ndvi; do
   if [ "$job" = sum ]; then

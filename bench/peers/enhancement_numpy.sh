@@ -10,11 +10,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/../.."
 size="${1:-8192}"
-bin=build/release/bin
-bench=build/release/bench/pixwerk_bench
-python=/usr/bin/python3
-work="$(mktemp -d)"
-trap 'rm -rf "$work"' EXIT
+source bench/peers/lib.sh
 
 echo "== one 16-bit band of 8192 x 8192 cells, $(nproc) cores"
 "$python" - "$work" <<'PY'
@@ -97,21 +93,6 @@ cat > "$work/DRA.json" <<'JSON'
   "arguments": { "Raster": "input.tif", "StretchType": "MinimumMaximum", "DRA": true },
   "pixelType": "U8" }
 JSON
-seconds() {  # command...
-  local start end
-  start=$(date +%s.%N)
-  "$@" > /dev/null 2>&1
-  end=$(date +%s.%N)
-  echo "$end - $start" | bc -l
-}
-best() {  # command...: the best of three runs
-  local b="" t
-  for _ in 1 2 3; do
-    t=$(seconds "$@")
-    if [ -z "$b" ] || [ "$(echo "$t < $b" | bc -l)" = 1 ]; then b=$t; fi
-  done
-  echo "$b"
-}
 export GDAL_NUM_THREADS=ALL_CPUS
 identity=$(best "$bin/pixwerk" run "$work/identity.json" -o "$work/identity.tif" --quiet)
 printf "%-18s %6.2f s\n" "identity export" "$identity"

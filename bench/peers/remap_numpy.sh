@@ -9,11 +9,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/../.."
 size="${1:-8192}"
-bin=build/release/bin
-bench=build/release/bench/pixwerk_bench
-python=/usr/bin/python3
-work="$(mktemp -d)"
-trap 'rm -rf "$work"' EXIT
+source bench/peers/lib.sh
 
 echo "== arrays of 8192 x 8192 cells, $(nproc) cores"
 "$python" - "$work" <<'PY'
@@ -94,21 +90,6 @@ cat > "$work/classes.json" <<'JSON'
   "pixelType": "U8" }
 JSON
 sed 's/"pixelType": "U8"/"pixelType": "F32"/' "$work/classes.json" > "$work/classes_f32.json"
-seconds() {  # command...
-  local start end
-  start=$(date +%s.%N)
-  "$@" > /dev/null 2>&1
-  end=$(date +%s.%N)
-  echo "$end - $start" | bc -l
-}
-best() {  # command...: the best of three runs
-  local b="" t
-  for _ in 1 2 3; do
-    t=$(seconds "$@")
-    if [ -z "$b" ] || [ "$(echo "$t < $b" | bc -l)" = 1 ]; then b=$t; fi
-  done
-  echo "$b"
-}
 identity=$(best "$bin/pixwerk" run "$work/identity.json" -o "$work/identity.tif" --quiet)
 for job in classes classes_f32; do
   x=$(best "$bin/pixwerk" run "$work/$job.json" -o "$work/$job.tif" --quiet)

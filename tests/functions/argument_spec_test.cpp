@@ -41,6 +41,8 @@ const std::map<std::string, Json>& Correct() {
       {"MaskFunction", {{"Raster", "dem.tif"}}},
       {"StretchFunction", {{"Raster", "image.tif"}}},
       {"RemapFunction", {{"Raster", "dem.tif"}, {"InputRanges", {0, 500}}, {"OutputValues", {1}}}},
+      {"ConvolutionFunction", {{"Raster", "dem.tif"}}},
+      {"StatisticsFunction", {{"Raster", "dem.tif"}}},
   };
   return chains;
 }

@@ -28,7 +28,7 @@ TEST(Cli, ListsTheFunctionsOfThisBuildAndEveryAdvertisedOne) {
   Result r = RunCli("functions");
   EXPECT_EQ(r.status, 0);
   for (const char* expected :
-       {"IdentityFunction", "SlopeFunction", "Slope Function", "12 functions in this build"})
+       {"IdentityFunction", "SlopeFunction", "Slope Function", "14 functions in this build"})
     EXPECT_NE(r.out.find(expected), std::string::npos) << expected << "\n" << r.out;
   EXPECT_EQ(r.out.find("ContinuumRemovalFunction"), std::string::npos);  // not in this build
   r = RunCli("functions --all");

@@ -1,0 +1,67 @@
+// What the neighbourhood filters (convolution, focal statistics) share: one band of a grown
+// window as the window engine reads it, the output cells it fills, and the driver that
+// runs a filter over an output block in bands of rows, on every core unless the caller is
+// already one of many workers.
+#pragma once
+
+#include <cmath>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <limits>
+#include <type_traits>
+
+#include "com/types.h"
+#include "raster/algorithms/simd_dispatch.h"
+#include "raster/algorithms/window.h"
+#include "raster/model.h"
+
+namespace pw::raster::neighbourhood {
+
+// One band of a grown window: `rows` output rows of `width` cells, each reading the cells
+// from -margins.left .. +margins.right and -margins.top .. +margins.bottom around it. The
+// values are row-major with Stride() cells a row; mask bit i is cell i's validity.
+struct Window {
+  const void* values = nullptr;
+  const BYTE* mask = nullptr;
+  LONG pixelType = -1;
+  LONG width = 0, rows = 0;
+  Margins margins;
+  bool allValid = false;  // every cell of the window is valid
+
+  std::size_t Stride() const {
+    return static_cast<std::size_t>(width + margins.left + margins.right);
+  }
+  LONG GrownRows() const { return rows + margins.top + margins.bottom; }
+};
+
+// The output cells of a window: rows x width values of the window's pixel type and their
+// mask, from bit 0.
+struct Target {
+  void* values = nullptr;
+  BYTE* mask = nullptr;
+};
+
+// Runs `band(window, target)` for every band of the output block at (column, row) of
+// `source`, reading each band of rows' grown window by `spec` (its pixel type is the
+// block's). Blocks of more than a few rows are cut into strips that run on all cores,
+// unless the calling thread is itself a parallel worker.
+using BandFn = std::function<void(const Window&, const Target&)>;
+HRESULT FilterBlock(IRaster* source, LONG column, LONG row, IPixelBlock* output, WindowSpec spec,
+                    const BandFn& band);
+
+// Integer results round half up (floor(v + 0.5)) and clamp to the type's range; floating
+// results convert.
+template <class T>
+PW_ALWAYS_INLINE T RoundHalfUp(double v) {
+  if constexpr (std::is_floating_point_v<T>) {
+    return static_cast<T>(v);
+  } else {
+    constexpr double lo = static_cast<double>(std::numeric_limits<T>::lowest());
+    constexpr double hi = static_cast<double>(std::numeric_limits<T>::max());
+    const double r = std::floor(v + 0.5);
+    return static_cast<T>(r < lo ? lo : r > hi ? hi : r);
+  }
+}
+
+}  // namespace pw::raster::neighbourhood
