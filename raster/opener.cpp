@@ -1,7 +1,9 @@
 // The dataset opener registry.
 #include "raster/opener.h"
 
+#include <map>
 #include <mutex>
+#include <string>
 #include <vector>
 
 namespace pw::raster {
@@ -14,7 +16,21 @@ std::vector<DatasetOpener>& Openers() {
   static std::vector<DatasetOpener> openers;
   return openers;
 }
+std::map<std::u16string, ComPtr<IRasterDataset>, std::less<>>& Named() {
+  static std::map<std::u16string, ComPtr<IRasterDataset>, std::less<>> named;
+  return named;
+}
 }  // namespace
+
+void NameDataset(std::u16string_view name, IRasterDataset* dataset) {
+  std::lock_guard<std::mutex> hold(Lock());
+  Named()[std::u16string(name)] = ComPtr<IRasterDataset>(dataset);
+}
+
+void ForgetDataset(std::u16string_view name) {
+  std::lock_guard<std::mutex> hold(Lock());
+  if (const auto it = Named().find(name); it != Named().end()) Named().erase(it);
+}
 
 void RegisterDatasetOpener(DatasetOpener opener) {
   std::lock_guard<std::mutex> hold(Lock());
@@ -27,6 +43,7 @@ HRESULT OpenDatasetByName(std::u16string_view name, IRasterDataset** dataset) {
   std::vector<DatasetOpener> openers;
   {
     std::lock_guard<std::mutex> hold(Lock());
+    if (const auto it = Named().find(name); it != Named().end()) return it->second.CopyTo(dataset);
     openers = Openers();
   }
   for (DatasetOpener opener : openers) {
