@@ -44,7 +44,8 @@ def _chunking(chain, chunks):
 
 def _read(spec, column, row, width, height, mode):
     """One chunk of the chain of `spec`: masked, raw values, or NaN where invalid."""
-    values, valid = _chain.bound(spec)._core.read(column, row, width, height)
+    # One thread: the scheduler runs tasks in parallel itself.
+    values, valid = _chain.bound(spec)._core.read(column, row, width, height, 1)
     if mode == "masked":
         return np.ma.MaskedArray(values, mask=~valid, fill_value=0)
     if mode == "nan":

@@ -13,15 +13,18 @@
 #include <cmath>
 #include <cstring>
 #include <map>
+#include <mutex>
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "com/platform.h"
 #include "framework/argument_spec.h"
 #include "framework/chain_json.h"
 #include "framework/function_raster.h"
+#include "raster/algorithms/parallel.h"
 #include "raster/band_indexes.h"
 #include "raster/gdal/export.h"
 #include "raster/gdal/gdal_dataset.h"
@@ -141,8 +144,10 @@ class Chain {
     return info;
   }
 
-  // The window's values (bands x height x width, the output's dtype) and validity.
-  py::tuple Read(LONG column, LONG row, LONG width, LONG height) const {
+  // The window's values (bands x height x width, the output's dtype) and validity. A large
+  // window is read in strips of rows on `threads` threads (0: every processor; 1 inside a
+  // task of a scheduler that runs tasks in parallel itself).
+  py::tuple Read(LONG column, LONG row, LONG width, LONG height, int threads) const {
     if (width <= 0 || height <= 0)
       throw py::value_error("a window of " + std::to_string(width) + " x " +
                             std::to_string(height) + " cells is empty");
@@ -155,25 +160,47 @@ class Chain {
     py::array values(py::dtype(DtypeName(info_.pixelType)),
                      {bands, py::ssize_t{height}, py::ssize_t{width}});
     py::array_t<bool> valid({bands, py::ssize_t{height}, py::ssize_t{width}});
-    auto* out = static_cast<std::uint8_t*>(values.mutable_data());
-    auto* ok = reinterpret_cast<std::uint8_t*>(valid.mutable_data());
-    const std::size_t cells = static_cast<std::size_t>(width) * static_cast<std::size_t>(height);
-    const std::size_t bytes = cells * static_cast<std::size_t>(values.itemsize());
+    Target target{static_cast<std::uint8_t*>(values.mutable_data()),
+                  reinterpret_cast<std::uint8_t*>(valid.mutable_data()),
+                  static_cast<std::size_t>(width) * static_cast<std::size_t>(height),
+                  static_cast<std::size_t>(values.itemsize()), width};
     HRESULT hr = S_OK;
+    std::string message;
     {
       py::gil_scoped_release free;
-      ComPtr<IPixelBlock> block;
-      hr = raster_->CreatePixelBlock(width, height, &block);
-      if (SUCCEEDED(hr)) hr = raster_->ReadAt(column, row, block.Get());
-      if (SUCCEEDED(hr)) {
-        for (LONG b = 0; b < Bands(); ++b) {
-          const std::size_t at = static_cast<std::size_t>(b);
-          std::memcpy(out + at * bytes, block->Buffer(b), bytes);
-          pw::raster::mask::Unpack(block->Mask(b), cells, ok + at * cells);
-        }
+      constexpr LONG kStrip = 256;
+      const LONG strips = (height + kStrip - 1) / kStrip;
+      unsigned team = threads > 0 ? static_cast<unsigned>(threads)
+                                  : std::max(1u, std::thread::hardware_concurrency());
+      team = std::min(team, static_cast<unsigned>(strips));
+      if (team <= 1 || target.cells < (std::size_t{1} << 20)) {
+        // One thread asked for: the kernels stay on this one too.
+        std::optional<pw::raster::ParallelWorkerScope> mark;
+        if (threads == 1) mark.emplace();
+        hr = ReadRows(column, row, 0, height, target);
+        if (FAILED(hr)) message = pw::ToUtf8(pw::TakeErrorDescription());
+      } else {
+        std::atomic<LONG> next{0};
+        std::mutex failure;
+        std::vector<std::thread> workers;
+        for (unsigned t = 0; t < team; ++t)
+          workers.emplace_back([&] {
+            const pw::raster::ParallelWorkerScope worker;
+            for (LONG k = next++; k < strips; k = next++) {
+              const LONG first = k * kStrip;
+              const HRESULT got =
+                  ReadRows(column, row, first, std::min(kStrip, height - first), target);
+              if (SUCCEEDED(got)) continue;
+              std::lock_guard<std::mutex> hold(failure);
+              if (SUCCEEDED(hr)) hr = got, message = pw::ToUtf8(pw::TakeErrorDescription());
+              next = strips;
+            }
+          });
+        for (std::thread& w : workers) w.join();
       }
     }
-    if (FAILED(hr)) Fail(hr, "the read");
+    if (FAILED(hr))
+      throw Error("the read: " + (message.empty() ? pw::DescribeResult(hr) : message));
     return py::make_tuple(values, valid);
   }
 
@@ -265,6 +292,30 @@ class Chain {
   }
 
  private:
+  // Where a read's rows go: bands one after the other, `cells` values and flags each.
+  struct Target {
+    std::uint8_t* values;
+    std::uint8_t* valid;
+    std::size_t cells, itemSize;
+    LONG width;
+  };
+
+  // Rows first .. first + count - 1 of the window at (column, row) into `target`.
+  HRESULT ReadRows(LONG column, LONG row, LONG first, LONG count, const Target& target) const {
+    ComPtr<IPixelBlock> block;
+    PW_RETURN_IF_FAILED(raster_->CreatePixelBlock(target.width, count, &block));
+    PW_RETURN_IF_FAILED(raster_->ReadAt(column, row + first, block.Get()));
+    const std::size_t n = static_cast<std::size_t>(target.width) * static_cast<std::size_t>(count);
+    const std::size_t at = static_cast<std::size_t>(first) * static_cast<std::size_t>(target.width);
+    for (LONG b = 0; b < Bands(); ++b) {
+      const std::size_t band = static_cast<std::size_t>(b) * target.cells;
+      std::memcpy(target.values + (band + at) * target.itemSize, block->Buffer(b),
+                  n * target.itemSize);
+      pw::raster::mask::Unpack(block->Mask(b), n, target.valid + band + at);
+    }
+    return S_OK;
+  }
+
   std::string json_;
   ComPtr<IFunctionRasterDataset> dataset_;
   ComPtr<IRaster> raster_;
@@ -410,7 +461,7 @@ PYBIND11_MODULE(_pixwerk, m) {
       .def_property_readonly("band_count", &Chain::Bands)
       .def("info", &Chain::Info)
       .def("read", &Chain::Read, py::arg("column"), py::arg("row"), py::arg("width"),
-           py::arg("height"))
+           py::arg("height"), py::arg("threads") = 0)
       .def("export_window", &Chain::ExportWindow, py::arg("path"), py::arg("column"),
            py::arg("row"), py::arg("width"), py::arg("height"), py::arg("format"),
            py::arg("options"), py::arg("threads"), py::arg("nodata"))

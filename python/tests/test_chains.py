@@ -226,3 +226,15 @@ def test_export_writes_what_reads_give_and_reports_progress(sample, tmp_path):
     assert not (tmp_path / "cancelled.tif").exists()
     with pytest.raises(ValueError, match="format"):
         chain.export(tmp_path / "hs.png")
+
+
+def test_a_large_window_read_in_strips_equals_a_read_on_one_thread(sample):
+    chain = pixwerk.open({"function": "AspectFunction",
+                          "arguments": {"Raster": str(sample / "dem.tif")}})
+    window = (-300, -260, 1100, 1000)  # over a million cells, reaching past every edge
+    parallel = chain._core.read(*window)
+    single = chain._core.read(*window, 1)
+    np.testing.assert_array_equal(parallel[1], single[1])
+    np.testing.assert_array_equal(parallel[0][single[1]], single[0][single[1]])
+    assert parallel[1][0, 260:772, 300:812].any()
+    assert not parallel[1][0, :260].any()

@@ -76,9 +76,10 @@ StripPipeline::StripPipeline(IRaster* raster, LONG width, LONG height, LONG band
   workers_.reserve(static_cast<std::size_t>(count));
   for (int t = 0; t < count; ++t)
     workers_.emplace_back([this, count] {
-      // With more than one worker every core is busy: kernels stay on this thread.
-      std::optional<ParallelWorkerScope> mark;
-      if (count > 1) mark.emplace();
+      // The workers are the export's threads: kernels stay on their own thread, so that
+      // N threads asked for are N busy cores (and one is one, inside a task of a scheduler
+      // that runs tasks on the other cores).
+      const ParallelWorkerScope mark;
       Work();
     });
 }
