@@ -108,4 +108,32 @@ HRESULT GatherStatistics(IRaster* raster, LONG bands, raster::Accuracy accuracy,
   return S_OK;
 }
 
+std::optional<raster::stretch::BandStatistics> StretchStatisticsOf(IRasterStatistics* s,
+                                                                   bool requireValid) {
+  if (s == nullptr) return std::nullopt;
+  VARIANT_BOOL valid = VARIANT_FALSE;
+  s->get_IsValid(&valid);
+  if (requireValid && !valid) return std::nullopt;
+  raster::stretch::BandStatistics out;
+  s->get_Minimum(&out.min);
+  s->get_Maximum(&out.max);
+  s->get_Mean(&out.mean);
+  s->get_StandardDeviation(&out.deviation);
+  return out;
+}
+
+std::optional<raster::stretch::Histogram> StretchHistogramOf(IRasterHistogram* h) {
+  if (h == nullptr) return std::nullopt;
+  raster::stretch::Histogram out;
+  h->get_Minimum(&out.low);
+  h->get_Maximum(&out.high);
+  ComPtr<IDoubleArray> counts;
+  LONG n = 0;
+  if (FAILED(h->get_Counts(&counts)) || !counts || FAILED(counts->get_Count(&n)) || n < 1)
+    return std::nullopt;
+  out.counts.resize(static_cast<std::size_t>(n));
+  for (LONG i = 0; i < n; ++i) counts->get_Element(i, &out.counts[static_cast<std::size_t>(i)]);
+  return out;
+}
+
 }  // namespace pw::framework

@@ -4,10 +4,12 @@
 // next function bound on the same dataset finds them.
 #pragma once
 
+#include <optional>
 #include <vector>
 
 #include "com/com_ptr.h"
 #include "raster/algorithms/statistics.h"
+#include "raster/algorithms/stretch.h"
 #include "raster/model.h"
 
 namespace pw::framework {
@@ -26,5 +28,11 @@ BandStatisticsSet KeptStatistics(IRaster* raster, LONG bands);
 // and kept where the raster's source keeps them.
 HRESULT GatherStatistics(IRaster* raster, LONG bands, raster::Accuracy accuracy,
                          BandStatisticsSet* set);
+
+// A statistics object's values as the stretch reads them (none for a null object, or, with
+// `requireValid`, for one not marked valid); a histogram's bins likewise.
+std::optional<raster::stretch::BandStatistics> StretchStatisticsOf(IRasterStatistics* s,
+                                                                   bool requireValid);
+std::optional<raster::stretch::Histogram> StretchHistogramOf(IRasterHistogram* h);
 
 }  // namespace pw::framework

@@ -253,33 +253,6 @@ HRESULT StretchFunctionArguments::CreateEmpty(BasicFunctionArguments** fresh) co
 
 namespace {
 
-std::optional<stretch::BandStatistics> FromObject(IRasterStatistics* s, bool requireValid) {
-  if (s == nullptr) return std::nullopt;
-  VARIANT_BOOL valid = VARIANT_FALSE;
-  s->get_IsValid(&valid);
-  if (requireValid && !valid) return std::nullopt;
-  stretch::BandStatistics out;
-  s->get_Minimum(&out.min);
-  s->get_Maximum(&out.max);
-  s->get_Mean(&out.mean);
-  s->get_StandardDeviation(&out.deviation);
-  return out;
-}
-
-std::optional<stretch::Histogram> FromObject(IRasterHistogram* h) {
-  if (h == nullptr) return std::nullopt;
-  stretch::Histogram out;
-  h->get_Minimum(&out.low);
-  h->get_Maximum(&out.high);
-  ComPtr<IDoubleArray> counts;
-  LONG n = 0;
-  if (FAILED(h->get_Counts(&counts)) || !counts || FAILED(counts->get_Count(&n)) || n < 1)
-    return std::nullopt;
-  out.counts.resize(static_cast<std::size_t>(n));
-  for (LONG i = 0; i < n; ++i) counts->get_Element(i, &out.counts[static_cast<std::size_t>(i)]);
-  return out;
-}
-
 // The objects of an array argument, each as `I`; false when the value is not an array of
 // them.
 template <class I>
@@ -325,12 +298,12 @@ void StretchFunction::Merge(const Statistics& given, const Histograms& givenHist
     if (b < given.size() && given[b]) {
       (*statistics)[b] = given[b];
     } else if (b < kept.size()) {
-      (*statistics)[b] = FromObject(kept[b].Get(), true);
+      (*statistics)[b] = framework::StretchStatisticsOf(kept[b].Get(), true);
     }
     if (b < givenHistograms.size() && givenHistograms[b]) {
       (*histograms)[b] = givenHistograms[b];
     } else if (b < keptHistograms.size()) {
-      (*histograms)[b] = FromObject(keptHistograms[b].Get());
+      (*histograms)[b] = framework::StretchHistogramOf(keptHistograms[b].Get());
     }
   }
 }
@@ -407,14 +380,16 @@ HRESULT StretchFunction::BindImpl(IRasterFunctionArguments* arguments) {
   if (ComPtr<IUnknown> object = args->GetObject(u"Statistics")) {
     std::vector<ComPtr<IRasterStatistics>> items;
     if (!ObjectsOf(object, &items)) return ChainParamBindError(u"Statistics", E_INVALIDARG);
-    for (const auto& item : items) given.push_back(FromObject(item.Get(), false));
+    for (const auto& item : items)
+      given.push_back(framework::StretchStatisticsOf(item.Get(), false));
   } else if (args->Has(u"Statistics") && !args->Find(u"Statistics")->IsEmpty()) {
     return ChainParamBindError(u"Statistics", E_INVALIDARG);
   }
   if (ComPtr<IUnknown> object = args->GetObject(u"Histograms")) {
     std::vector<ComPtr<IRasterHistogram>> items;
     if (!ObjectsOf(object, &items)) return ChainParamBindError(u"Histograms", E_INVALIDARG);
-    for (const auto& item : items) givenHistograms.push_back(FromObject(item.Get()));
+    for (const auto& item : items)
+      givenHistograms.push_back(framework::StretchHistogramOf(item.Get()));
   } else if (args->Has(u"Histograms") && !args->Find(u"Histograms")->IsEmpty()) {
     return ChainParamBindError(u"Histograms", E_INVALIDARG);
   }

@@ -14,6 +14,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <thread>
 #include <vector>
 
@@ -175,10 +176,10 @@ TEST_F(CliRun, GdalConventionsAndPlaceholders) {
   EXPECT_NE(r.out.find("uses ${Z} and no value was given for it (--set Z=VALUE)"),
             std::string::npos)
       << r.out;
-  for (const char* name : {"x.vrt", "x.png", "x"}) {
+  for (const char* name : {"x.vrt", "x.bmp", "x"}) {
     r = RunCli("run " + Path("chain.json") + " " + Path(name));
     EXPECT_EQ(r.status, 2) << name;
-    EXPECT_NE(r.out.find(".tif or .tiff"), std::string::npos) << r.out;
+    EXPECT_NE(r.out.find(".tif, .tiff, .png or .jpg"), std::string::npos) << r.out;
   }
   // GDAL's own warnings reach standard error.
   r = RunCli("run " + Path("chain.json") + " " + Path("w.tif") + " -q -co NO_SUCH_OPTION=1");
@@ -566,3 +567,93 @@ TEST_F(CliRun, NoDataAndMaskOptionsChooseHowInvalidCellsAreWritten) {
 }
 
 }  // namespace
+
+namespace {
+
+// The bands of a picture file as GDAL reads them: bands x height x width bytes.
+struct PictureFile {
+  int width = 0, height = 0, bands = 0;
+  std::vector<std::uint8_t> v;
+  std::uint8_t At(int band, int column, int row) const {
+    return v[static_cast<std::size_t>((band * height + row) * width + column)];
+  }
+};
+
+PictureFile ReadPicture(const std::string& path) {
+  PictureFile p;
+  GDALDatasetH ds = GDALOpen(path.c_str(), GA_ReadOnly);
+  if (ds == nullptr) return p;
+  p.width = GDALGetRasterXSize(ds);
+  p.height = GDALGetRasterYSize(ds);
+  p.bands = GDALGetRasterCount(ds);
+  p.v.resize(static_cast<std::size_t>(p.width * p.height * p.bands));
+  if (GDALDatasetRasterIO(ds, GF_Read, 0, 0, p.width, p.height, p.v.data(), p.width, p.height,
+                          GDT_Byte, p.bands, nullptr, 0, 0, 0) != CE_None)
+    p.bands = 0;
+  GDALClose(ds);
+  return p;
+}
+
+}  // namespace
+
+TEST_F(CliRun, QuicklooksShowTheChainInGreyOrColourWithTheLakeTransparent) {
+  GDALAllRegister();
+  // The sample DEM (64 x 64) has a no-data lake.
+  Result r = RunCli("run " + Path("chain.json") + " " + Path("dem.png") + " --size 32");
+  ASSERT_EQ(r.status, 0) << r.out;
+  EXPECT_NE(r.out.find("(32 x 32 pixels)"), std::string::npos) << r.out;
+  const PictureFile dem = ReadPicture(Path("dem.png"));
+  ASSERT_EQ(dem.bands, 4);
+  ASSERT_EQ(dem.width, 32);
+  int transparent = 0, dark = 0, bright = 0;
+  for (int row = 0; row < dem.height; ++row)
+    for (int column = 0; column < dem.width; ++column) {
+      const int a = dem.At(3, column, row), g = dem.At(0, column, row);
+      EXPECT_TRUE(a == 0 || a == 255);
+      if (a == 0) {
+        ++transparent;
+        continue;
+      }
+      EXPECT_EQ(dem.At(1, column, row), g);  // grey
+      EXPECT_EQ(dem.At(2, column, row), g);
+      dark += g<16, bright += g> 239;
+    }
+  EXPECT_GT(transparent, 0);  // the lake
+  EXPECT_GT(dark, 0);         // stretched across the scale
+  EXPECT_GT(bright, 0);
+  // The image's first three bands as RGB, in a JPEG (no transparency), and a ramp.
+  const std::string image =
+      "{\"function\": \"IdentityFunction\", \"arguments\": {\"Raster\": \"image.tif\"}}";
+  { std::ofstream(Path("image.json")) << image; }
+  r = RunCli("run " + Path("image.json") + " -o " + Path("image.jpg") + " --quiet");
+  ASSERT_EQ(r.status, 0) << r.out;
+  const PictureFile rgb = ReadPicture(Path("image.jpg"));
+  EXPECT_EQ(rgb.bands, 3);
+  EXPECT_EQ(rgb.width, 64);
+  r = RunCli("run " + Path("chain.json") + " " + Path("terrain.png") + " --ramp terrain -q");
+  ASSERT_EQ(r.status, 0) << r.out;
+  const PictureFile terrain = ReadPicture(Path("terrain.png"));
+  bool coloured = false;
+  for (int column = 0; column < terrain.width; ++column)
+    coloured |= terrain.At(0, column, 10) != terrain.At(1, column, 10);
+  EXPECT_TRUE(coloured);
+}
+
+TEST_F(CliRun, QuicklookOptionsAreCheckedAgainstTheOutput) {
+  const std::string chain = Path("chain.json");
+  const struct {
+    std::string args, message;
+  } cases[] = {
+      {chain + " " + Path("a.png") + " --size 0", "--size needs a number of pixels"},
+      {chain + " " + Path("a.png") + " --size big", "not 'big'"},
+      {chain + " " + Path("a.png") + " --ramp rainbow", "grey, terrain, viridis, spectral"},
+      {chain + " " + Path("a.png") + " -co COMPRESS=DEFLATE", "not to the quicklook"},
+      {chain + " " + Path("a.tif") + " --size 100", "apply to .png and .jpg quicklooks"},
+      {chain + " " + Path("a.bmp"), ".png or .jpg"},
+  };
+  for (const auto& c : cases) {
+    const Result r = RunCli("run " + c.args);
+    EXPECT_EQ(r.status, 2) << c.args;
+    EXPECT_NE(r.out.find(c.message), std::string::npos) << c.args << ": " << r.out;
+  }
+}

@@ -24,6 +24,7 @@
 #include <fstream>
 #include <functional>
 #include <map>
+#include <optional>
 #include <sstream>
 #include <string>
 #include <string_view>
@@ -32,12 +33,14 @@
 #include "com/platform.h"
 #include "framework/argument_spec.h"
 #include "framework/chain_json.h"
+#include "framework/display.h"
 #include "framework/function_raster.h"
 #include "raster/algorithms/no_data.h"
 #include "raster/band_indexes.h"
 #include "raster/gdal/export.h"
 #include "raster/gdal/gdal_dataset.h"
 #include "raster/gdal/handle_cache.h"
+#include "raster/gdal/picture.h"
 #include "raster/opener.h"
 #include "raster/persist/json.h"
 #include "raster/pixel_type.h"
@@ -76,9 +79,18 @@ const Command* FindCommand(std::string_view name);
 constexpr std::string_view kRunUsage =
     "usage: pixwerk run CHAIN.json OUT.tif [options]\n"
     "       pixwerk run CHAIN.json -o OUT.tif [options]\n"
+    "       pixwerk run CHAIN.json OUT.png [--size N] [--ramp NAME]\n"
     "Binds the chain and writes its output as a GeoTIFF or COG, nothing lost: the chain's\n"
     "own no-data value where every band shares one, else a mask band where cells are invalid.\n"
-    "  -o, --output FILE       the output file (.tif or .tiff), if not given after the chain\n"
+    "A .png or .jpg output is a quicklook instead: one band in grey or a colour ramp, three\n"
+    "or more as RGB (the first three), stretched for display unless 8-bit, invalid cells\n"
+    "transparent (white in a JPEG).\n"
+    "  -o, --output FILE       the output file (.tif, .tiff, .png, .jpg), if not given after\n"
+    "                          the chain\n"
+    "  --size N                a quicklook's longer side in pixels (default 1024; never\n"
+    "                          larger than the raster)\n"
+    "  --ramp NAME             a one-band quicklook's colours: grey (default), terrain,\n"
+    "                          viridis or spectral\n"
     "  -of, --format FORMAT    GTiff (default) or COG, any case\n"
     "  -co, --co KEY=VALUE     a GDAL creation option, repeatable (-co COMPRESS=DEFLATE)\n"
     "  --nodata V              write invalid cells as V in every band (a number, or nan)\n"
@@ -221,9 +233,12 @@ bool CheckOutputName(const std::string& output, std::string* problem) {
   std::string extension = fs::path(output).extension().string();
   for (char& c : extension) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
   if (extension == ".tif" || extension == ".tiff") return true;
+  if (pw::raster::gdal::PictureFormat picture; pw::raster::gdal::PictureFormatOf(output, &picture))
+    return true;
   *problem = "'" + output + "' ends in '" + fs::path(output).extension().string() +
-             "': pixwerk writes GeoTIFF and COG files, named .tif or .tiff";
-  if (extension.empty()) *problem = "'" + output + "' has no .tif or .tiff ending";
+             "': pixwerk writes GeoTIFF and COG files and quicklooks, named .tif, .tiff, .png "
+             "or .jpg";
+  if (extension.empty()) *problem = "'" + output + "' has no .tif, .tiff, .png or .jpg ending";
   return false;
 }
 
@@ -243,12 +258,34 @@ void SizeBlockCache(GIntBig bytes) {
   GDALSetCacheMax64(std::clamp(work, kBlockCacheBytes, most));
 }
 
+// A quicklook of `raster` at most `size` pixels on its longer side.
+int Quicklook(IRaster* raster, const std::string& output, pw::raster::gdal::PictureFormat format,
+              LONG size, pw::framework::display::Ramp ramp, bool quiet) {
+  pw::framework::display::Renderer renderer;
+  pw::framework::display::Style style;
+  style.ramp = ramp;
+  HRESULT hr = renderer.Prepare(raster, style);
+  if (FAILED(hr)) return Fail(hr, "the quicklook");
+  pw::framework::display::Picture picture;
+  hr = renderer.Render(renderer.FittingGrid(size), &picture);
+  if (FAILED(hr)) return Fail(hr, "the quicklook");
+  hr = pw::raster::gdal::WritePicture(output, picture.width, picture.height, picture.rgba, format);
+  if (FAILED(hr)) return Fail(hr, "the quicklook");
+  if (!quiet)
+    std::printf("wrote %s (%ld x %ld pixels)\n", output.c_str(), static_cast<long>(picture.width),
+                static_cast<long>(picture.height));
+  return kOk;
+}
+
 int Run(const Args& args) {
   std::string chainFile, output;
   bool quiet = false;
   GIntBig cacheBytes = 0;
   pw::framework::ChainVariables variables;
   pw::raster::gdal::ExportOptions exportOptions;
+  bool exportOnly = false;  // an option that only GeoTIFF and COG outputs take
+  std::optional<LONG> size;
+  std::optional<pw::framework::display::Ramp> ramp;
   for (std::size_t i = 0; i < args.size(); ++i) {
     const std::string_view o = args[i];
     auto value = [&](std::string* out) {
@@ -261,6 +298,7 @@ int Run(const Args& args) {
       if (!value(&output)) return Usage("-o needs a file name", kRunUsage);
     } else if (o == "-of" || o == "--format" || o == "--of") {
       if (!value(&exportOptions.format)) return Usage("-of needs GTiff or COG", kRunUsage);
+      exportOnly = true;
       if (!pw::EqualsNoCase(exportOptions.format, "GTiff") &&
           !pw::EqualsNoCase(exportOptions.format, "COG"))
         return Usage("-of is GTiff or COG, not '" + exportOptions.format + "'", kRunUsage);
@@ -268,6 +306,21 @@ int Run(const Args& args) {
       if (!value(&v) || v.find('=') == std::string::npos)
         return Usage("-co needs KEY=VALUE", kRunUsage);
       exportOptions.creationOptions.push_back(v);
+      exportOnly = true;
+    } else if (o == "--size") {
+      if (!value(&v)) return Usage("--size needs a number of pixels", kRunUsage);
+      char* end = nullptr;
+      const long n = std::strtol(v.c_str(), &end, 10);
+      if (v.empty() || *end != '\0' || n < 1 || n > 65536)
+        return Usage("--size needs a number of pixels from 1 to 65536, not '" + v + "'", kRunUsage);
+      size = static_cast<LONG>(n);
+    } else if (o == "--ramp") {
+      if (!value(&v)) return Usage("--ramp needs a name", kRunUsage);
+      ramp = pw::framework::display::RampByName(v);
+      if (!ramp)
+        return Usage(
+            "--ramp is one of " + pw::framework::display::RampNames() + ", not '" + v + "'",
+            kRunUsage);
     } else if (o == "--set") {
       if (!value(&v) || !AddVariable(v, &variables))
         return Usage("--set needs NAME=VALUE", kRunUsage);
@@ -295,10 +348,12 @@ int Run(const Args& args) {
         return Usage("--nodata and --mask exclude each other", kRunUsage);
       exportOptions.validity = pw::raster::gdal::ExportOptions::Validity::kNoData;
       exportOptions.noDataValue = number;
+      exportOnly = true;
     } else if (o == "--mask") {
       if (exportOptions.validity == pw::raster::gdal::ExportOptions::Validity::kNoData)
         return Usage("--nodata and --mask exclude each other", kRunUsage);
       exportOptions.validity = pw::raster::gdal::ExportOptions::Validity::kMask;
+      exportOnly = true;
     } else if (o == "-q" || o == "--quiet") {
       quiet = true;
     } else if (!o.empty() && o[0] == '-') {
@@ -315,6 +370,17 @@ int Run(const Args& args) {
   if (chainFile.empty() || output.empty())
     return Usage("'run' needs a chain file and an output file", kRunUsage);
   if (std::string problem; !CheckOutputName(output, &problem)) return Usage(problem, kRunUsage);
+  pw::raster::gdal::PictureFormat pictureFormat{};
+  const bool picture = pw::raster::gdal::PictureFormatOf(output, &pictureFormat);
+  if (picture && exportOnly)
+    return Usage(
+        "-of, -co, --nodata and --mask apply to GeoTIFF and COG outputs, not to the "
+        "quicklook '" +
+            output + "'",
+        kRunUsage);
+  if (!picture && (size || ramp))
+    return Usage("--size and --ramp apply to .png and .jpg quicklooks, not to '" + output + "'",
+                 kRunUsage);
 
   pw::ComPtr<IFunctionRasterDataset> chain;
   HRESULT hr = pw::framework::LoadChainFile(chainFile, variables, &chain);
@@ -322,6 +388,9 @@ int Run(const Args& args) {
   pw::ComPtr<IRaster> raster;
   hr = chain.As<IRasterDataset>()->CreateDefaultRaster(&raster);
   if (FAILED(hr)) return Fail(hr, "the chain");
+  if (picture)
+    return Quicklook(raster.Get(), output, pictureFormat, size.value_or(1024),
+                     ramp.value_or(pw::framework::display::Ramp::kGrey), quiet);
   // The output names the chain that made it (placeholders filled).
   {
     std::ifstream in(chainFile, std::ios::binary);
