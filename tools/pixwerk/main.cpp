@@ -50,6 +50,7 @@
 #include "server/class_table.h"
 #include "server/display_names.h"
 #include "server/entry_points.h"
+#include "tools/pixwerk/tile_server.h"
 
 #ifndef PIXWERK_VERSION
 #define PIXWERK_VERSION "unknown"
@@ -106,6 +107,14 @@ constexpr std::string_view kInfoUsage =
     "A chain: the tree of its functions with their arguments (given or default) and the\n"
     "raster it makes. A raster: its size, cells, reference, blocks and bands.\n"
     "  --json                  the chain's output description as JSON instead\n"
+    "  --set NAME=VALUE        fill the chain's ${NAME} placeholders, repeatable\n";
+constexpr std::string_view kServeUsage =
+    "usage: pixwerk serve CHAIN.json [--port P] [--bind ADDRESS] [--set NAME=VALUE]...\n"
+    "Serves the chain to a browser: the viewer page, the raster's info, PNG tiles at every\n"
+    "zoom level computed on request, the value under a position, and the chain's arguments,\n"
+    "which the page may change. Runs until interrupted (Ctrl-C).\n"
+    "  --port P                the port (default 8080; 0 takes a free one)\n"
+    "  --bind ADDRESS          the address to listen on (default 127.0.0.1, this machine only)\n"
     "  --set NAME=VALUE        fill the chain's ${NAME} placeholders, repeatable\n";
 constexpr std::string_view kFunctionsUsage =
     "usage: pixwerk functions [--all]\n"
@@ -275,6 +284,72 @@ int Quicklook(IRaster* raster, const std::string& output, pw::raster::gdal::Pict
     std::printf("wrote %s (%ld x %ld pixels)\n", output.c_str(), static_cast<long>(picture.width),
                 static_cast<long>(picture.height));
   return kOk;
+}
+
+pw::tools::TileServer* g_server = nullptr;
+
+void OnServeInterrupt(int) {
+  g_interrupted = 1;
+  if (g_server != nullptr) g_server->Stop();
+}
+
+int Serve(const Args& args) {
+  std::string chainFile, address = "127.0.0.1";
+  int port = 8080;
+  pw::framework::ChainVariables variables;
+  for (std::size_t i = 0; i < args.size(); ++i) {
+    const std::string_view o = args[i];
+    const bool hasValue = i + 1 < args.size();
+    if (o == "--port") {
+      char* end = nullptr;
+      const long n = hasValue ? std::strtol(std::string(args[++i]).c_str(), &end, 10) : -1;
+      if (!hasValue || *end != '\0' || n < 0 || n > 65535)
+        return Usage("--port needs a number from 0 to 65535", kServeUsage);
+      port = static_cast<int>(n);
+    } else if (o == "--bind") {
+      if (!hasValue) return Usage("--bind needs an address", kServeUsage);
+      address = std::string(args[++i]);
+    } else if (o == "--set") {
+      if (!hasValue || !AddVariable(args[++i], &variables))
+        return Usage("--set needs NAME=VALUE", kServeUsage);
+    } else if (!o.empty() && o[0] == '-') {
+      return Usage("unknown option '" + std::string(o) + "'", kServeUsage);
+    } else if (chainFile.empty()) {
+      chainFile = std::string(o);
+    } else {
+      return Usage("'serve' takes one chain file", kServeUsage);
+    }
+  }
+  if (chainFile.empty()) return Usage("'serve' needs a chain file", kServeUsage);
+  std::ifstream in(chainFile, std::ios::binary);
+  if (!in) {
+    std::fprintf(stderr, "pixwerk: cannot read the chain file '%s'\n", chainFile.c_str());
+    return kFailed;
+  }
+  std::ostringstream text;
+  text << in.rdbuf();
+  pw::tools::TileServer server;
+  server.SetViewerFolder(PIXWERK_VIEWER_DIR);
+  std::string message;
+  if (!server.Load(text.str(), fs::absolute(chainFile).parent_path(), variables, &message)) {
+    std::fprintf(stderr, "pixwerk: the chain failed: %s\n", OneLine(message).c_str());
+    return kFailed;
+  }
+  const int bound = server.Bind(address, port);
+  if (bound < 0) {
+    std::fprintf(stderr, "pixwerk: cannot listen on %s port %d (in use, or not an address here)\n",
+                 address.c_str(), port);
+    return kFailed;
+  }
+  std::printf("serving %s at http://%s:%d/ (Ctrl-C stops)\n", chainFile.c_str(), address.c_str(),
+              bound);
+  std::fflush(stdout);
+  g_server = &server;
+  std::signal(SIGINT, OnServeInterrupt);
+  std::signal(SIGTERM, OnServeInterrupt);
+  server.Serve();
+  g_server = nullptr;
+  return g_interrupted ? kInterrupted : kOk;
 }
 
 int Run(const Args& args) {
@@ -709,6 +784,7 @@ int Help(const Args& args) {
 
 constexpr Command kCommands[] = {
     {"run", "bind a chain and write its output", kRunUsage, Run},
+    {"serve", "serve a chain to a browser as tiles", kServeUsage, Serve},
     {"info", "describe a chain or a raster", kInfoUsage, Info},
     {"functions", "list or describe the functions", kFunctionsUsage, Functions},
     {"register", "write the registry entries", kRegisterUsage,
