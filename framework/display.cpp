@@ -152,10 +152,16 @@ raster::RasterGrid Renderer::FittingGrid(LONG size) const {
 }
 
 HRESULT Renderer::Render(const raster::RasterGrid& grid, Picture* picture) const {
+  return Render(raster_.Get(), grid, picture);
+}
+
+HRESULT Renderer::Render(IRaster* raster, const raster::RasterGrid& grid, Picture* picture) const {
   PW_CHECK_POINTER(picture);
-  if (!raster_) return E_UNEXPECTED;
+  if (!raster_ || raster == nullptr) return E_UNEXPECTED;
+  if (raster::BandCountOf(raster) != raster::BandCountOf(raster_.Get()))
+    return ReportError(E_INVALIDARG, std::string_view("the raster shown has other bands"));
   ComPtr<IRaster> view;
-  PW_RETURN_IF_FAILED(raster::CreateRasterOnGrid(raster_.Get(), grid, nullptr, type_, &view));
+  PW_RETURN_IF_FAILED(raster::CreateRasterOnGrid(raster, grid, nullptr, type_, &view));
   ComPtr<IPixelBlock> block;
   PW_RETURN_IF_FAILED(view->CreatePixelBlock(grid.columns, grid.rows, &block));
   PW_RETURN_IF_FAILED(view->ReadAt(0, 0, block.Get()));

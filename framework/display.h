@@ -43,6 +43,10 @@ class Renderer {
 
   // The raster resampled (nearest) onto `grid`, a grid over its own reference.
   HRESULT Render(const raster::RasterGrid& grid, Picture* picture) const;
+  // `raster`, another binding of the same chain (at a coarser cell size), resampled onto
+  // `grid` and shown with this renderer's bands and mappings, so that every level of a
+  // display looks alike.
+  HRESULT Render(IRaster* raster, const raster::RasterGrid& grid, Picture* picture) const;
   // A block read already, of the raster's pixel type and bands.
   HRESULT RenderBlock(IPixelBlock* block, Picture* picture) const;
 

@@ -16,6 +16,8 @@ std::vector<DatasetOpener>& Openers() {
   static std::vector<DatasetOpener> openers;
   return openers;
 }
+thread_local int t_factor = 1;
+
 std::map<std::u16string, ComPtr<IRasterDataset>, std::less<>>& Named() {
   static std::map<std::u16string, ComPtr<IRasterDataset>, std::less<>> named;
   return named;
@@ -51,6 +53,18 @@ HRESULT OpenDatasetByName(std::u16string_view name, IRasterDataset** dataset) {
     if (hr != E_NOTIMPL) return hr;
   }
   return ReportError(E_NOTIMPL, "no dataset opener in this build reads '" + ToUtf8(name) + "'");
+}
+
+CoarserOpenScope::CoarserOpenScope(int factor) : outer_(t_factor) {
+  t_factor = factor > 1 ? factor : 1;
+}
+
+CoarserOpenScope::~CoarserOpenScope() {
+  t_factor = outer_;
+}
+
+int CoarserOpenScope::Factor() {
+  return t_factor;
 }
 
 }  // namespace pw::raster

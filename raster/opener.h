@@ -24,4 +24,23 @@ void ForgetDataset(std::u16string_view name);
 // message.
 HRESULT OpenDatasetByName(std::u16string_view name, IRasterDataset** dataset);
 
+// While a scope lives, datasets this thread opens by name are opened at a coarser cell size:
+// `factor` cells a side of the source make one cell, the grid keeping the source's origin
+// (a last partial row and column of coarser cells are left out). Openers that can read the
+// source's overviews for it; the others open at the source's own cell size. Displays bind a
+// chain inside a scope to show it whole without computing every cell.
+class CoarserOpenScope {
+ public:
+  explicit CoarserOpenScope(int factor);
+  ~CoarserOpenScope();
+  CoarserOpenScope(const CoarserOpenScope&) = delete;
+  CoarserOpenScope& operator=(const CoarserOpenScope&) = delete;
+
+  // The factor of this thread's innermost scope; 1 outside any.
+  static int Factor();
+
+ private:
+  int outer_;
+};
+
 }  // namespace pw::raster

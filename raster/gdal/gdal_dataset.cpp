@@ -7,12 +7,14 @@
 #include <gdal.h>
 #include <gdal_alg.h>
 #include <gdal_rat.h>
+#include <gdal_utils.h>
 #include <gdalwarper.h>
 #include <ogr_srs_api.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cmath>
+#include <cstdio>
 #include <cstring>
 #include <limits>
 #include <optional>
@@ -82,11 +84,72 @@ void MarkValid(const T* values, const std::uint8_t* cover, std::uint8_t threshol
   }
 }
 
+// The source `name` at `factor` times its cell size, as the text of a virtual dataset that
+// GDAL opens like a file: its reads sample the source (nearest), from the overview nearest
+// the cell size where the source has overviews. The grid keeps the source's origin and
+// holds the coarser cells that lie wholly on the source (a last partial row and column are
+// left out). Empty when the source does not open, is rotated or is narrower than one cell:
+// it then opens as it is.
+std::string CoarserName(const std::string& name, int factor) {
+  GDALDatasetH source =
+      GDALOpenEx(name.c_str(), GDAL_OF_RASTER | GDAL_OF_READONLY, nullptr, nullptr, nullptr);
+  if (source == nullptr) return {};
+  double t[6] = {0, 1, 0, 0, 0, -1};
+  const int columns = GDALGetRasterXSize(source), rows = GDALGetRasterYSize(source);
+  if (GDALGetGeoTransform(source, t) != CE_None) t[3] = rows;  // pixel space, as Open reads it
+  std::string text;
+  const int wide = columns / factor, high = rows / factor;
+  if (t[2] == 0 && t[4] == 0 && t[1] > 0 && t[5] < 0 && wide > 0 && high > 0) {
+    auto number = [](double v) {
+      char digits[32];
+      std::snprintf(digits, sizeof digits, "%.17g", v);
+      return std::string(digits);
+    };
+    const std::string spans[] = {std::to_string(wide * factor), std::to_string(high * factor),
+                                 std::to_string(wide), std::to_string(high)};
+    const std::string corners[] = {number(t[0]), number(t[3]),
+                                   number(t[0] + static_cast<double>(wide) * factor * t[1]),
+                                   number(t[3] + static_cast<double>(high) * factor * t[5])};
+    const char* argv[] = {"-of",
+                          "VRT",
+                          "-r",
+                          "nearest",
+                          "-srcwin",
+                          "0",
+                          "0",
+                          spans[0].c_str(),
+                          spans[1].c_str(),
+                          "-outsize",
+                          spans[2].c_str(),
+                          spans[3].c_str(),
+                          "-a_ullr",
+                          corners[0].c_str(),
+                          corners[1].c_str(),
+                          corners[2].c_str(),
+                          corners[3].c_str(),
+                          nullptr};
+    GDALTranslateOptions* options = GDALTranslateOptionsNew(const_cast<char**>(argv), nullptr);
+    GDALDatasetH coarse = options ? GDALTranslate("", source, options, nullptr) : nullptr;
+    if (coarse != nullptr) {
+      if (char** xml = GDALGetMetadata(coarse, "xml:VRT"); xml != nullptr && xml[0] != nullptr)
+        text = xml[0];
+      GDALClose(coarse);
+    }
+    GDALTranslateOptionsFree(options);
+  }
+  GDALClose(source);
+  return text;
+}
+
 HRESULT OpenByName(std::u16string_view name, IRasterDataset** dataset) {
   const GdalErrorScope scope;
   return Guard([&]() -> HRESULT {
     auto object = MakeObject<GdalDataset>();
-    PW_RETURN_IF_FAILED(object->Open(ToUtf8(name)));
+    std::string path = ToUtf8(name);
+    if (const int factor = CoarserOpenScope::Factor(); factor > 1)
+      if (std::string coarser = CoarserName(path, factor); !coarser.empty())
+        path = std::move(coarser);
+    PW_RETURN_IF_FAILED(object->Open(path));
     return object->QueryInterface(IidOf<IRasterDataset>(), reinterpret_cast<void**>(dataset));
   });
 }

@@ -74,9 +74,9 @@ class TileServerTest : public ::testing::Test {
     if (serving_.joinable()) serving_.join();
   }
 
-  static std::string Chain(int azimuth) {
-    return R"({"function": "HillshadeFunction", "arguments": {"DEM": "dem.tif", "Azimuth": )" +
-           std::to_string(azimuth) + "}}";
+  static std::string Chain(int azimuth, const std::string& dem = "dem.tif") {
+    return R"({"function": "HillshadeFunction", "arguments": {"DEM": ")" + dem +
+           R"(", "Azimuth": )" + std::to_string(azimuth) + "}}";
   }
 
   httplib::Result Get(const std::string& path) const {
@@ -90,13 +90,13 @@ class TileServerTest : public ::testing::Test {
     int width = 0, height = 0;
     std::vector<std::uint8_t> cells, valid;
   };
-  Exported Export(int azimuth) const {
+  Exported Export(int azimuth, const std::string& dem = "dem.tif") const {
     Exported e;
     ComPtr<IFunctionRasterDataset> chain;
-    EXPECT_EQ(framework::LoadChainText(Chain(azimuth), dir_.Path(), &chain), S_OK);
+    EXPECT_EQ(framework::LoadChainText(Chain(azimuth, dem), dir_.Path(), &chain), S_OK);
     ComPtr<IRaster> raster;
     chain.As<IRasterDataset>()->CreateDefaultRaster(&raster);
-    const std::string path = (dir_ / ("export" + std::to_string(azimuth) + ".tif")).string();
+    const std::string path = (dir_ / ("export" + std::to_string(azimuth) + "_" + dem)).string();
     EXPECT_EQ(raster::gdal::ExportRaster(raster.Get(), path, {}), S_OK);
     ComPtr<IRasterDataset> file;
     EXPECT_EQ(raster::OpenDatasetByName(ToUtf16(path), &file), S_OK);
@@ -114,6 +114,89 @@ class TileServerTest : public ::testing::Test {
     raster::mask::Unpack(block->Mask(0), n, e.valid.data());
     return e;
   }
+
+  // The DEM at `factor` times its cell size, written beside it: the cell under each coarser
+  // cell's centre, or the DEM's own overview of that factor. Coarser cells reaching beyond
+  // the DEM are left out.
+  std::string CoarseDem(const std::string& dem, int factor, bool overview) const {
+    GDALDatasetH source = GDALOpen((dir_ / dem).string().c_str(), GA_ReadOnly);
+    EXPECT_NE(source, nullptr);
+    GDALRasterBandH band = GDALGetRasterBand(source, 1);
+    const int width = GDALGetRasterXSize(source), height = GDALGetRasterYSize(source);
+    const int w = width / factor, h = height / factor;
+    std::vector<double> cells(static_cast<std::size_t>(w * h));
+    if (overview) {
+      GDALRasterBandH level = nullptr;
+      for (int k = 0; k < GDALGetOverviewCount(band); ++k)
+        if (GDALGetRasterBandXSize(GDALGetOverview(band, k)) == (width + factor - 1) / factor)
+          level = GDALGetOverview(band, k);
+      EXPECT_NE(level, nullptr);
+      EXPECT_EQ(GDALRasterIO(level, GF_Read, 0, 0, w, h, cells.data(), w, h, GDT_Float64, 0, 0),
+                CE_None);
+    } else {
+      std::vector<double> all(static_cast<std::size_t>(width * height));
+      EXPECT_EQ(GDALRasterIO(band, GF_Read, 0, 0, width, height, all.data(), width, height,
+                             GDT_Float64, 0, 0),
+                CE_None);
+      for (int r = 0; r < h; ++r)
+        for (int c = 0; c < w; ++c)
+          cells[static_cast<std::size_t>(r * w + c)] = all[static_cast<std::size_t>(
+              (r * factor + factor / 2) * width + c * factor + factor / 2)];
+    }
+    double t[6];
+    GDALGetGeoTransform(source, t);
+    t[1] *= factor;
+    t[5] *= factor;
+    const std::string name = "coarse" + std::to_string(factor) + (overview ? "o_" : "_") + dem;
+    GDALDatasetH out = GDALCreate(GDALGetDriverByName("GTiff"), (dir_ / name).string().c_str(), w,
+                                  h, 1, GDALGetRasterDataType(band), nullptr);
+    GDALSetGeoTransform(out, t);
+    GDALSetProjection(out, GDALGetProjectionRef(source));
+    int hasNoData = 0;
+    const double noData = GDALGetRasterNoDataValue(band, &hasNoData);
+    if (hasNoData) GDALSetRasterNoDataValue(GDALGetRasterBand(out, 1), noData);
+    EXPECT_EQ(GDALRasterIO(GDALGetRasterBand(out, 1), GF_Write, 0, 0, w, h, cells.data(), w, h,
+                           GDT_Float64, 0, 0),
+              CE_None);
+    GDALClose(out);
+    GDALClose(source);
+    return name;
+  }
+
+  // A whole-raster tile at `z` against `reference`, the chain exported at that level's cell
+  // size: equal where its cells lie, transparent beyond them. Returns the pixels compared.
+  int ExpectTileEquals(int z, const Exported& reference) const {
+    const auto tile = Get("/api/tiles/" + std::to_string(z) + "/0/0.png");
+    EXPECT_TRUE(tile);
+    if (!tile) return 0;
+    EXPECT_EQ(tile->status, 200);
+    const Png png = Decode(tile->body);
+    EXPECT_EQ(png.width, 256);
+    if (png.width != 256) return 0;
+    int compared = 0;
+    for (int r = 0; r < 256; ++r)
+      for (int c = 0; c < 256; ++c) {
+        const std::uint8_t* px = &png.rgba[static_cast<std::size_t>(4 * (r * 256 + c))];
+        if (c >= reference.width || r >= reference.height) {
+          EXPECT_EQ(px[3], 0) << "level " << z << " beyond the raster at " << c << "," << r;
+          if (px[3] != 0) return compared;
+          continue;
+        }
+        const auto at = static_cast<std::size_t>(r * reference.width + c);
+        const bool valid = reference.valid[at] != 0;
+        if (px[3] != (valid ? 255 : 0) || (valid && px[0] != reference.cells[at])) {
+          ADD_FAILURE() << "level " << z << " pixel " << c << "," << r << " shows " << int(px[0])
+                        << "/" << int(px[3]) << ", the reference " << int(reference.cells[at])
+                        << "/" << valid;
+          return compared;
+        }
+        ++compared;
+      }
+    return compared;
+  }
+
+  // The cells of a raster that its first tile shows.
+  static int Shown(const Exported& e) { return std::min(e.width, 256) * std::min(e.height, 256); }
 
   test::TempDir dir_;
   TileServer server_;
@@ -176,30 +259,35 @@ TEST_F(TileServerTest, NativeTilesEqualTheDisplayRenderingOfTheExportedFile) {
   }
 }
 
-TEST_F(TileServerTest, CoarserLevelsEqualNearestDownsampling) {
-  const Exported file = Export(315);
+// Coarser levels compute the chain at their own cell size: the hillshade of the DEM
+// sampled at that size, not a sample of the native hillshade.
+TEST_F(TileServerTest, CoarserLevelsComputeTheChainOnTheSampledInputs) {
   for (int z : {0, 1}) {
     const int factor = 1 << (2 - z);
-    const auto tile = Get("/api/tiles/" + std::to_string(z) + "/0/0.png");
-    ASSERT_TRUE(tile);
-    ASSERT_EQ(tile->status, 200);
-    const Png png = Decode(tile->body);
-    ASSERT_EQ(png.width, 256);
-    for (int r = 0; r < 256; ++r)
-      for (int c = 0; c < 256; ++c) {
-        const std::uint8_t* px = &png.rgba[static_cast<std::size_t>(4 * (r * 256 + c))];
-        // The cell under the pixel's centre; a centre on a cell border may take either.
-        const int column = c * factor + factor / 2, row = r * factor + factor / 2;
-        if (column >= file.width || row >= file.height) continue;
-        bool match = false;
-        for (int dr : {-1, 0})
-          for (int dc : {-1, 0}) {
-            const auto at = static_cast<std::size_t>((row + dr) * file.width + column + dc);
-            match |=
-                px[3] == (file.valid[at] ? 255 : 0) && (!file.valid[at] || px[0] == file.cells[at]);
-          }
-        ASSERT_TRUE(match) << "level " << z << " pixel " << c << "," << r;
-      }
+    const Exported reference = Export(315, CoarseDem("dem.tif", factor, false));
+    EXPECT_EQ(ExpectTileEquals(z, reference), Shown(reference)) << z;
+  }
+}
+
+TEST_F(TileServerTest, CoarserLevelsReadTheInputsOverviews) {
+  {
+    GDALDatasetH dem = GDALOpen((dir_ / "dem.tif").string().c_str(), GA_ReadOnly);
+    GDALDatasetH copy =
+        GDALCreateCopy(GDALGetDriverByName("GTiff"), (dir_ / "dem_ov.tif").string().c_str(), dem,
+                       FALSE, nullptr, nullptr, nullptr);
+    GDALClose(dem);
+    ASSERT_NE(copy, nullptr);
+    int levels[] = {2, 4};
+    ASSERT_EQ(GDALBuildOverviews(copy, "AVERAGE", 2, levels, 0, nullptr, nullptr, nullptr),
+              CE_None);
+    GDALClose(copy);
+  }
+  std::string message;
+  ASSERT_TRUE(server_.Load(Chain(315, "dem_ov.tif"), dir_.Path(), {}, &message)) << message;
+  for (int z : {0, 1}) {
+    const int factor = 1 << (2 - z);
+    const Exported overview = Export(315, CoarseDem("dem_ov.tif", factor, true));
+    EXPECT_EQ(ExpectTileEquals(z, overview), Shown(overview)) << z;
   }
 }
 

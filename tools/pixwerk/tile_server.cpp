@@ -8,6 +8,8 @@
 #include <algorithm>
 #include <cmath>
 #include <fstream>
+#include <map>
+#include <mutex>
 #include <sstream>
 #include <thread>
 #include <vector>
@@ -19,6 +21,7 @@
 #include "raster/algorithms/parallel.h"
 #include "raster/band_indexes.h"
 #include "raster/gdal/picture.h"
+#include "raster/opener.h"
 #include "raster/pixel_block.h"
 #include "raster/pixel_type.h"
 #include "raster/raster_view.h"
@@ -34,6 +37,11 @@ struct TileServer::Bound {
   raster::SourceInfo info;
   framework::display::Renderer renderer;
   int maxZoom = 0;  // the native level
+  std::filesystem::path base;
+  // The chain bound at coarser cell sizes, by factor, as levels first ask for them; null
+  // where it did not bind (those levels read the chain itself).
+  mutable std::mutex coarseLock;
+  mutable std::map<int, ComPtr<IRaster>> coarse;
 };
 
 namespace {
@@ -102,6 +110,41 @@ void Declarations(const Json& chain, Json* out) {
   }
 }
 
+// A computing request's turn on a core.
+class Turn {
+ public:
+  explicit Turn(std::counting_semaphore<>& cores) : cores_(cores) { cores_.acquire(); }
+  ~Turn() { cores_.release(); }
+  Turn(const Turn&) = delete;
+  Turn& operator=(const Turn&) = delete;
+
+ private:
+  std::counting_semaphore<>& cores_;
+};
+
+// The chain of `bound` with every input opened at `factor` times its cell size, bound once
+// per factor.
+ComPtr<IRaster> Coarser(const TileServer::Bound& bound, int factor) {
+  std::lock_guard hold(bound.coarseLock);
+  if (const auto found = bound.coarse.find(factor); found != bound.coarse.end())
+    return found->second;
+  ComPtr<IRaster> raster;
+  Json json;
+  HRESULT hr = persist::ParseJson(bound.chain, &json);
+  ComPtr<IFunctionRasterDataset> dataset;
+  if (SUCCEEDED(hr)) {
+    const raster::CoarserOpenScope scope(factor);
+    hr = framework::LoadChain(json, bound.base, &dataset);
+  }
+  if (SUCCEEDED(hr)) hr = dataset.As<IRasterDataset>()->CreateDefaultRaster(&raster);
+  if (FAILED(hr)) {
+    TakeErrorDescription();  // the level reads the chain itself instead
+    raster = nullptr;
+  }
+  bound.coarse[factor] = raster;
+  return raster;
+}
+
 constexpr std::string_view kFallbackPage = R"(<!doctype html>
 <html><head><meta charset="utf-8"><title>pixwerk serve</title></head>
 <body style="font-family: sans-serif">
@@ -147,6 +190,7 @@ bool TileServer::Load(const std::string& chain, const std::filesystem::path& bas
   const LONG longer = std::max(bound->info.grid.columns, bound->info.grid.rows);
   while ((static_cast<LONG>(kTileSize) << bound->maxZoom) < longer) ++bound->maxZoom;
   bound->chain = json.dump();
+  bound->base = base;
   std::lock_guard hold(lock_);
   bound_ = std::move(bound);
   base_ = base;
@@ -168,8 +212,14 @@ void TileServer::Stop() {
 }
 
 void TileServer::Routes() {
-  const unsigned threads = std::max(1u, std::thread::hardware_concurrency());
-  http_->new_task_queue = [threads] { return new httplib::ThreadPool(threads); };
+  const unsigned cores = std::max(1u, std::thread::hardware_concurrency());
+  cores_ = std::make_unique<std::counting_semaphore<>>(static_cast<std::ptrdiff_t>(cores));
+  const unsigned connections = std::max(16u, 4 * cores);
+  http_->new_task_queue = [connections] { return new httplib::ThreadPool(connections); };
+  http_->set_keep_alive_max_count(1000);
+  // A response goes out as headers and body in two writes: without this, the body would
+  // wait for the client's delayed acknowledgement of the headers on kept-alive connections.
+  http_->set_tcp_nodelay(true);
 
   http_->Get("/api/info", [this](const httplib::Request&, httplib::Response& response) {
     const auto bound = Current();
@@ -204,6 +254,7 @@ void TileServer::Routes() {
   http_->Get(R"(/api/tiles/(\d{1,2})/(\d{1,9})/(\d{1,9})\.png)",
              [this](const httplib::Request& request, httplib::Response& response) {
                const raster::ParallelWorkerScope worker;
+               const Turn turn(*cores_);
                const auto bound = Current();
                if (!bound) return Answer(response, 503, "no chain is bound");
                const int z = std::stoi(request.matches[1]);
@@ -225,12 +276,16 @@ void TileServer::Routes() {
                grid.ymax = g.ymax - static_cast<double>(y * span) * g.CellY();
                grid.ymin = grid.ymax - static_cast<double>(span) * g.CellY();
                grid.columns = grid.rows = kTileSize;
+               // Coarser levels read the chain bound at their own cell size.
+               ComPtr<IRaster> coarser;
+               if (factor > 1) coarser = Coarser(*bound, static_cast<int>(factor));
                framework::display::Picture picture;
-               HRESULT hr = bound->renderer.Render(grid, &picture);
+               HRESULT hr = coarser ? bound->renderer.Render(coarser.Get(), grid, &picture)
+                                    : bound->renderer.Render(grid, &picture);
                std::string png;
                if (SUCCEEDED(hr))
                  hr = raster::gdal::EncodePicture(picture.width, picture.height, picture.rgba,
-                                                  raster::gdal::PictureFormat::kPng, &png);
+                                                  raster::gdal::PictureFormat::kPng, &png, true);
                if (FAILED(hr)) return Answer(response, 500, Message(hr));
                response.set_content(png, "image/png");
              });
@@ -248,6 +303,8 @@ void TileServer::Routes() {
                       std::string("identify needs the map position as numbers x and y, ") + "not " +
                           key + "='" + text + "'");
     }
+    const raster::ParallelWorkerScope worker;
+    const Turn turn(*cores_);
     const auto& g = bound->info.grid;
     const double column = std::floor((x - g.xmin) / g.CellX());
     const double row = std::floor((g.ymax - y) / g.CellY());

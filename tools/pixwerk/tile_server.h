@@ -11,13 +11,14 @@
 //   GET  /                         the viewer page (from the viewer folder, when built)
 //
 // Bad requests are answered with an HTTP error and the reason (the chain loader's message for a
-// chain that does not load), and the server goes on serving. Requests are served in parallel
-// on one thread a core; each keeps its kernels on its own thread.
+// chain that does not load), and the server goes on serving. Requests are computed in
+// parallel, one a core; each keeps its kernels on its own thread.
 #pragma once
 
 #include <filesystem>
 #include <memory>
 #include <mutex>
+#include <semaphore>
 #include <string>
 
 #include "framework/chain_json.h"
@@ -56,6 +57,10 @@ class TileServer {
   void Routes();
 
   std::unique_ptr<httplib::Server> http_;
+  // Computing requests at once: one a core. Connections have threads of their own (a
+  // kept-alive connection holds one while idle), so clients beyond the cores wait here, in
+  // turn, rather than for a connection to close.
+  std::unique_ptr<std::counting_semaphore<>> cores_;
   mutable std::mutex lock_;
   std::shared_ptr<const Bound> bound_;
   std::filesystem::path base_, viewer_;
