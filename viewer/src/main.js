@@ -1,5 +1,5 @@
 // The viewer of `pixwerk serve`: the chain's tiles on a map in the raster's own coordinates,
-// the value under the cursor, and the chain's top function's arguments as a form whose
+// the value under the cursor, and the arguments of every function of the chain as a form whose
 // changes the server binds and the map shows.
 import 'ol/ol.css';
 import './style.css';
@@ -97,67 +97,128 @@ async function identify(x, y) {
   }
 }
 
-function typed(kind, text, checked) {
-  if (kind === 'true or false') return checked;
-  if (kind === 'an integer') return Number.parseInt(text, 10);
-  if (kind === 'a number') return Number.parseFloat(text);
-  return text;
+const LISTS = ['an array of integers', 'an array of numbers', 'a number or an array of numbers',
+  'an array of texts'];
+const SIMPLE = ['an integer', 'a number', 'true or false', 'a text', ...LISTS];
+
+// The value an input holds, of the argument's kind; throws with the reason when it is not.
+function typed(argument, input) {
+  const { kind, name } = argument;
+  if (kind === 'true or false') return input.checked;
+  const text = input.value.trim();
+  const number = (word) => {
+    const value = Number(word);
+    if (word === '' || !Number.isFinite(value)) throw new Error(`${name}: '${word}' is not a number`);
+    if (kind.includes('integer') && !Number.isInteger(value))
+      throw new Error(`${name}: '${word}' is not an integer`);
+    return value;
+  };
+  if (kind === 'an integer' || kind === 'a number') return number(text);
+  if (kind === 'a text') return text;
+  // Lists: values apart by commas or blanks (texts by commas).
+  const words = kind === 'an array of texts'
+    ? text.split(',').map((w) => w.trim()).filter((w) => w !== '')
+    : text.split(/[\s,]+/).filter((w) => w !== '');
+  if (kind === 'an array of texts') return words;
+  const values = words.map(number);
+  if (kind === 'a number or an array of numbers' && values.length === 1) return values[0];
+  return values;
+}
+
+function shown(argument, value) {
+  if (value === undefined || value === null) return '';
+  // A default in words ("none") is a hint, not a value.
+  if (typeof value === 'string' && argument.kind !== 'a text') {
+    const numeric = argument.kind === 'an integer' || argument.kind === 'a number';
+    return numeric && value.trim() !== '' && Number.isFinite(Number(value)) ? value : '';
+  }
+  if (Array.isArray(value)) return value.join(argument.kind === 'an array of texts' ? ', ' : ' ');
+  return String(value);
+}
+
+// Every function of a chain, the top first, each with the path to its object.
+function functionsOf(value, path = [], out = []) {
+  if (Array.isArray(value)) {
+    value.forEach((item, i) => functionsOf(item, [...path, i], out));
+  } else if (value && typeof value === 'object' && typeof value.function === 'string') {
+    out.push({ node: value, path });
+    for (const [key, item] of Object.entries(value.arguments || {}))
+      functionsOf(item, [...path, 'arguments', key], out);
+  }
+  return out;
 }
 
 function buildForm(chain, functions) {
   const form = document.getElementById('arguments');
   form.replaceChildren();
-  const top = chain.function.split('.').pop();
-  const declared = functions[top] || [];
-  const heading = document.createElement('h2');
-  heading.textContent = top;
-  form.append(heading);
-  for (const argument of declared) {
-    const simple = ['an integer', 'a number', 'true or false', 'a text'];
-    if (!simple.includes(argument.kind)) continue;
-    const label = document.createElement('label');
-    label.textContent = argument.name;
-    label.htmlFor = `argument-${argument.name}`;
-    const given = chain.arguments ? chain.arguments[argument.name] : undefined;
-    const value = given !== undefined ? given : argument.default;
-    let input;
-    if (argument.choices.length) {
-      input = document.createElement('select');
-      for (const choice of argument.choices) {
-        const option = document.createElement('option');
-        option.value = String(choice.value);
-        option.textContent = `${choice.value} ${choice.name}`;
-        input.append(option);
-      }
-      const chosen = argument.choices.find((c) => c.name === value || String(c.value) === String(value));
-      if (chosen) input.value = String(chosen.value);
-    } else {
-      input = document.createElement('input');
-      if (argument.kind === 'true or false') {
-        input.type = 'checkbox';
-        input.checked = value === true || value === 'true';
+  functionsOf(chain).forEach(({ node, path }, index) => {
+    const name = node.function.split('.').pop();
+    const declared = functions[name] || [];
+    const heading = document.createElement(index === 0 ? 'h2' : 'h3');
+    heading.textContent = index === 0 ? name : `${name} (input ${path.filter((k) => typeof k === 'string' && k !== 'arguments').join(' / ')})`;
+    form.append(heading);
+    for (const argument of declared) {
+      if (!SIMPLE.includes(argument.kind)) continue;
+      const label = document.createElement('label');
+      label.textContent = argument.name;
+      const id = index === 0 ? `argument-${argument.name}` : `argument-${index}-${argument.name}`;
+      label.htmlFor = id;
+      const given = node.arguments ? node.arguments[argument.name] : undefined;
+      const value = given !== undefined ? given : argument.default;
+      let input;
+      if (argument.choices.length) {
+        input = document.createElement('select');
+        for (const choice of argument.choices) {
+          const option = document.createElement('option');
+          option.value = String(choice.value);
+          option.textContent = `${choice.value} ${choice.name}`;
+          input.append(option);
+        }
+        const chosen = argument.choices.find((c) => c.name === value || String(c.value) === String(value));
+        if (chosen) input.value = String(chosen.value);
       } else {
-        input.type = argument.kind === 'a text' ? 'text' : 'number';
-        if (argument.kind === 'a number') input.step = 'any';
-        if (argument.minimum !== undefined) input.min = argument.minimum;
-        if (argument.maximum !== undefined) input.max = argument.maximum;
-        if (value !== undefined) input.value = String(value);
+        input = document.createElement('input');
+        if (argument.kind === 'true or false') {
+          input.type = 'checkbox';
+          input.checked = value === true || value === 'true';
+        } else if (LISTS.includes(argument.kind) || argument.kind === 'a text') {
+          input.type = 'text';
+          // Not given: the default as a hint, so that only what the user types is sent.
+          input.value = given === undefined ? '' : shown(argument, value);
+          input.placeholder = given === undefined && argument.default !== undefined
+            ? `default: ${shown({ kind: 'a text' }, argument.default)}`
+            : LISTS.includes(argument.kind) ? 'values apart by commas or blanks' : '';
+        } else {
+          input.type = 'number';
+          if (argument.kind === 'a number') input.step = 'any';
+          if (argument.minimum !== undefined) input.min = argument.minimum;
+          if (argument.maximum !== undefined) input.max = argument.maximum;
+          input.value = shown(argument, value);
+          if (input.value === '' && argument.default !== undefined) input.placeholder = `default: ${argument.default}`;
+        }
       }
+      input.id = id;
+      input.name = argument.name;
+      input.addEventListener('change', () => change(path, argument, input));
+      const help = document.createElement('div');
+      help.className = 'help';
+      help.textContent = `${argument.help} (${argument.kind})`;
+      form.append(label, input, help);
     }
-    input.id = `argument-${argument.name}`;
-    input.name = argument.name;
-    input.addEventListener('change', () => change(argument, input));
-    const help = document.createElement('div');
-    help.className = 'help';
-    help.textContent = argument.help;
-    form.append(label, input, help);
-  }
+  });
 }
 
-async function change(argument, input) {
+async function change(path, argument, input) {
   const next = structuredClone(state.chain);
-  next.arguments = next.arguments || {};
-  next.arguments[argument.name] = typed(argument.kind, input.value, input.checked);
+  let node = next;
+  for (const key of path) node = node[key];
+  node.arguments = node.arguments || {};
+  try {
+    node.arguments[argument.name] = typed(argument, input);
+  } catch (error) {
+    status(error.message, true);
+    return;
+  }
   status('binding the changed chain...');
   try {
     await request('api/chain', { method: 'PUT', body: JSON.stringify(next) });
@@ -165,8 +226,9 @@ async function change(argument, input) {
     state.version += 1;
     // A new key: every tile of the old chain is stale.
     state.source.setTileUrlFunction(tileUrl, String(state.version));
-    status(`${argument.name} is now ${JSON.stringify(next.arguments[argument.name])}`);
+    status(`${argument.name} is now ${JSON.stringify(node.arguments[argument.name])}`);
   } catch (error) {
+    // The server keeps the chain it had: the form shows that one again.
     status(error.message, true);
   }
 }
