@@ -113,6 +113,25 @@ Prepared Prepare(Kernel kernel) {
       p.across = std::move(across);
     }
   }
+  // One weight (not zero) at most cells: the window's sum times it, plus the other cells.
+  // Worth it when the two passes and the taps cost less than a pass over every weight.
+  if (!p.separable && columns > 1 && rows > 1 && w.size() == columns * rows) {
+    double level = 0;
+    std::size_t most = 0;
+    for (double v : w) {
+      const auto count = static_cast<std::size_t>(std::count(w.begin(), w.end(), v));
+      if (count > most) most = count, level = v;
+    }
+    const std::size_t taps = w.size() - most;
+    if (level != 0 && std::isfinite(level) && 2 * taps + rows + columns < w.size()) {
+      p.levelled = true;
+      p.level = level;
+      for (std::size_t i = 0; i < w.size(); ++i)
+        if (w[i] != level)
+          p.taps.push_back(
+              {static_cast<LONG>(i / columns), static_cast<LONG>(i % columns), w[i] - level});
+    }
+  }
   p.kernel = std::move(kernel);
   return p;
 }
@@ -192,6 +211,50 @@ struct AcrossRow {
 };
 using AcrossFn = void (*)(const double*, const double*, std::size_t, double*);
 
+// Down the columns, unweighted: out[c] = sum of rows[i][c].
+template <int K>
+struct SumDown {
+  PW_ALWAYS_INLINE static void Run(const double* const* rows, const double*, std::size_t n,
+                                   double* out) {
+    const double* r[K];
+    for (int i = 0; i < K; ++i) r[i] = rows[i];
+    for (std::size_t c = 0; c < n; ++c) {
+      double s = r[0][c];
+      for (int i = 1; i < K; ++i) s += r[i][c];
+      out[c] = s;
+    }
+  }
+};
+
+// Across a row, unweighted and then scaled: out[c] = level * (sum of in[c + j]).
+template <int K>
+struct SumAcross {
+  PW_ALWAYS_INLINE static void Run(const double* in, const double* level, std::size_t n,
+                                   double* out) {
+    const double l = *level;
+    for (std::size_t c = 0; c < n; ++c) {
+      double s = in[c];
+      for (int j = 1; j < K; ++j) s += in[c + static_cast<std::size_t>(j)];
+      out[c] = l * s;
+    }
+  }
+};
+
+// The same with the one other cell of a kernel fused in: out[c] = level * (sum of in[c + j])
+// + weight * tap[c].
+template <int K>
+struct SumAcrossTap {
+  PW_ALWAYS_INLINE static void Run(const double* in, const double* tap, double level, double weight,
+                                   std::size_t n, double* out) {
+    for (std::size_t c = 0; c < n; ++c) {
+      double s = in[c];
+      for (int j = 1; j < K; ++j) s += in[c + static_cast<std::size_t>(j)];
+      out[c] = level * s + weight * tap[c];
+    }
+  }
+};
+using AcrossTapFn = void (*)(const double*, const double*, double, double, std::size_t, double*);
+
 // acc[c] += w * x[c], for kernels of other sizes.
 struct Axpy {
   PW_ALWAYS_INLINE static void Run(const double* x, double w, std::size_t n, double* acc) {
@@ -241,7 +304,15 @@ void Convolve(const Window& in, const Prepared& prepared, const Target& out) {
   if (load == nullptr || kr < 1 || kc < 1) return;
   FixedFn fixed = nullptr, down = nullptr;
   AcrossFn across = nullptr;
-  if (prepared.separable) {
+  AcrossTapFn acrossTap = nullptr;
+  if (prepared.levelled) {
+    if (prepared.taps.size() == 1 && kc == 3) acrossTap = Pick<SumAcrossTap<3>, AcrossTapFn>(isa);
+    if (prepared.taps.size() == 1 && kc == 5) acrossTap = Pick<SumAcrossTap<5>, AcrossTapFn>(isa);
+    if (kr == 3) down = Pick<SumDown<3>, FixedFn>(isa);
+    if (kr == 5) down = Pick<SumDown<5>, FixedFn>(isa);
+    if (kc == 3) across = Pick<SumAcross<3>, AcrossFn>(isa);
+    if (kc == 5) across = Pick<SumAcross<5>, AcrossFn>(isa);
+  } else if (prepared.separable) {
     if (kr == 3) down = Pick<DownRow<3>, FixedFn>(isa);
     if (kr == 5) down = Pick<DownRow<5>, FixedFn>(isa);
     if (kc == 3) across = Pick<AcrossRow<3>, AcrossFn>(isa);
@@ -255,7 +326,8 @@ void Convolve(const Window& in, const Prepared& prepared, const Target& out) {
   // The input rows as doubles, kept in a ring of kr rows: each is converted once.
   std::vector<double> ring(static_cast<std::size_t>(kr) * stride);
   std::vector<const double*> rows(static_cast<std::size_t>(kr));
-  std::vector<double> sums(width), columns(prepared.separable ? stride : 0);
+  const bool twoPasses = prepared.separable || prepared.levelled;
+  std::vector<double> sums(width), columns(twoPasses ? stride : 0);
   std::vector<std::uint8_t> columnValid, cellValid, valid;
   if (!in.allValid) columnValid.resize(stride), cellValid.resize(stride), valid.resize(width);
   const auto* source = static_cast<const std::uint8_t*>(in.values);
@@ -267,7 +339,30 @@ void Convolve(const Window& in, const Prepared& prepared, const Target& out) {
     const LONG newest = r + kr - 1;
     load(source + static_cast<std::size_t>(newest) * stride * pixel, stride, slot(newest));
     for (LONG i = 0; i < kr; ++i) rows[static_cast<std::size_t>(i)] = slot(r + i);
-    if (prepared.separable) {
+    if (prepared.levelled) {
+      if (down != nullptr) {
+        down(rows.data(), nullptr, stride, columns.data());
+      } else {
+        std::copy_n(rows[0], stride, columns.data());
+        for (LONG i = 1; i < kr; ++i)
+          axpy(rows[static_cast<std::size_t>(i)], 1.0, stride, columns.data());
+      }
+      if (acrossTap != nullptr) {  // the one other cell in the same pass
+        const Prepared::Tap& t = prepared.taps.front();
+        acrossTap(columns.data(), rows[static_cast<std::size_t>(t.row)] + t.column, prepared.level,
+                  t.weight, width, sums.data());
+      } else {
+        if (across != nullptr) {
+          across(columns.data(), &prepared.level, width, sums.data());
+        } else {
+          std::fill(sums.begin(), sums.end(), 0.0);
+          for (LONG j = 0; j < kc; ++j)
+            axpy(columns.data() + j, prepared.level, width, sums.data());
+        }
+        for (const Prepared::Tap& t : prepared.taps)
+          axpy(rows[static_cast<std::size_t>(t.row)] + t.column, t.weight, width, sums.data());
+      }
+    } else if (prepared.separable) {
       if (down != nullptr) {
         down(rows.data(), prepared.down.data(), stride, columns.data());
       } else {

@@ -3,8 +3,10 @@
 // holding an invalid cell gives an invalid output cell.
 //
 // Kernels whose weights are an outer product (down[r] x across[c]) run in two passes, down
-// the columns and then across the rows; 3 x 3 and 5 x 5 kernels have loops of their own
-// size that the compiler unrolls and vectorizes.
+// the columns and then across the rows. Kernels of one weight but for a few cells (the
+// sharpening and line kernels) run as that weight times the window's sum, again in two
+// passes, plus the few cells. 3 x 3 and 5 x 5 kernels have loops of their own size that the
+// compiler unrolls and vectorizes.
 #pragma once
 
 #include <cstdint>
@@ -30,6 +32,15 @@ struct Prepared {
   Kernel kernel;
   bool separable = false;
   std::vector<double> down, across;  // weights[r][c] == down[r] * across[c]
+  // Otherwise, when it pays: weights[r][c] == level + the taps' weight at their cells
+  // (level alone elsewhere).
+  struct Tap {
+    LONG row, column;
+    double weight;
+  };
+  bool levelled = false;
+  double level = 0;
+  std::vector<Tap> taps;
 };
 Prepared Prepare(Kernel kernel);
 

@@ -21,18 +21,16 @@ namespace baseline {
 #include "raster/algorithms/focal_kernels.inc"
 }  // namespace baseline
 #if PW_SIMD_X86
-#pragma GCC push_options
-#pragma GCC target("avx2,fma")
+PW_BEGIN_TARGET_AVX2
 namespace avx2 {
 #include "raster/algorithms/focal_kernels.inc"
 }  // namespace avx2
-#pragma GCC pop_options
-#pragma GCC push_options
-#pragma GCC target("avx512f,avx512bw,avx512dq,avx512vl,avx2,fma")
+PW_END_TARGET
+PW_BEGIN_TARGET_AVX512
 namespace avx512 {
 #include "raster/algorithms/focal_kernels.inc"
 }  // namespace avx512
-#pragma GCC pop_options
+PW_END_TARGET
 #endif
 // clang-format on
 

@@ -75,7 +75,7 @@ StripPipeline::StripPipeline(IRaster* raster, LONG width, LONG height, LONG band
   const int count = std::max(threads, 1);
   workers_.reserve(static_cast<std::size_t>(count));
   for (int t = 0; t < count; ++t)
-    workers_.emplace_back([this, count] {
+    workers_.emplace_back([this] {
       // The workers are the export's threads: kernels stay on their own thread, so that
       // N threads asked for are N busy cores (and one is one, inside a task of a scheduler
       // that runs tasks on the other cores).

@@ -196,18 +196,28 @@ std::vector<double> Convolved(const Grid& g, const KernelCase& k, bool mirror) {
   return out;
 }
 
+// How a kernel's weights are made: each at random, as an outer product, or one weight but at
+// a few cells (each shape has its own path through the filter).
+enum class Shape { kGeneral, kSeparable, kLevelled };
+
 // Weights in eighths, so that sums of integers stay exact whatever their order.
-KernelCase RandomKernel(LONG columns, LONG rows, bool separable, std::mt19937& random) {
+KernelCase RandomKernel(LONG columns, LONG rows, Shape shape, std::mt19937& random) {
   std::uniform_int_distribution<int> eighths(-16, 16);
   KernelCase k{columns, rows, {}};
   std::vector<double> down, across;
   for (LONG i = 0; i < rows; ++i) down.push_back(eighths(random) / 8.0 + (i == 0 ? 3 : 0));
   for (LONG j = 0; j < columns; ++j) across.push_back(eighths(random) / 8.0 + (j == 0 ? 3 : 0));
+  const double level = eighths(random) / 8.0 + 2.5;
   for (LONG i = 0; i < rows; ++i)
     for (LONG j = 0; j < columns; ++j)
-      k.weights.push_back(separable ? down[static_cast<std::size_t>(i)] *
-                                          across[static_cast<std::size_t>(j)]
-                                    : eighths(random) / 8.0);
+      k.weights.push_back(shape == Shape::kSeparable ? down[static_cast<std::size_t>(i)] *
+                                                           across[static_cast<std::size_t>(j)]
+                          : shape == Shape::kLevelled ? level
+                                                      : eighths(random) / 8.0);
+  if (shape == Shape::kLevelled)  // a few other weights, the centre's among them
+    for (std::size_t t = 0; t < k.weights.size() / 10 + 1; ++t)
+      k.weights[t == 0 ? k.weights.size() / 2 : random() % k.weights.size()] +=
+          eighths(random) / 8.0 + 4;
   return k;
 }
 
@@ -217,19 +227,21 @@ TEST(ConvolutionFunction, UserKernelsOfEverySizeMatchTheDefinitionOnEveryType) {
     const Grid g = Random(type, 23, 19, static_cast<unsigned>(type), 0.05);
     for (LONG rows = 1; rows <= 7; ++rows)
       for (LONG columns = 1; columns <= 7; ++columns)
-        for (bool separable : {false, true})
+        for (Shape shape : {Shape::kGeneral, Shape::kSeparable, Shape::kLevelled})
           for (bool mirror : {false, true}) {
-            if (columns * rows > 1 && (columns + rows) % 3 != type % 3 && !separable) continue;
-            const KernelCase k = RandomKernel(columns, rows, separable, random);
+            if (columns * rows > 1 && (columns + rows) % 3 != type % 3 && shape == Shape::kGeneral)
+              continue;
+            const KernelCase k = RandomKernel(columns, rows, shape, random);
             auto f = Bind(g, u"ConvolutionFunction",
                           {{u"Type", Variant(std::int32_t{-1})},
                            {u"Columns", Variant(std::int32_t{columns})},
                            {u"Rows", Variant(std::int32_t{rows})},
                            {u"Kernel", Doubles(k.weights)},
                            {u"MirrorEdges", Variant(mirror)}});
+            const char* shapes[] = {"", " separable", " levelled"};
             ExpectNear(ReadAll(f.Get(), g), Convolved(g, k, mirror), type,
                        "type " + std::to_string(type) + " " + std::to_string(columns) + "x" +
-                           std::to_string(rows) + (separable ? " separable" : "") +
+                           std::to_string(rows) + shapes[static_cast<int>(shape)] +
                            (mirror ? " mirrored" : ""));
           }
   }
