@@ -182,6 +182,58 @@ TEST_F(GdalTest, DatasetsDescribeTheirBands) {
   EXPECT_EQ(info.pixelType, 3);
 }
 
+// Datasets opened inside a coarser scope: the cells under each coarser cell's centre, on a grid
+// with the file's origin and whole coarser cells only; outside any scope (or for a factor
+// wider than the file) the file as it is.
+TEST_F(GdalTest, ACoarserScopeOpensFilesAtThatCellSize) {
+  const std::string path = (dir_ / "fine.tif").string();
+  const std::vector<double> values = WriteTiff(path, kPixelF32, -9999);
+  auto open = [&](SourceInfo* info, std::vector<float>* cells, std::vector<std::uint8_t>* valid) {
+    ComPtr<IRasterDataset> dataset;
+    ASSERT_EQ(OpenDatasetByName(ToUtf16(path), &dataset), S_OK);
+    auto source = dataset.As<IRasterSource>();
+    ASSERT_EQ(source->GetInfo(info), S_OK);
+    const auto n = static_cast<std::size_t>(info->grid.columns * info->grid.rows);
+    cells->resize(n);
+    std::vector<BYTE> bits(mask::Bytes(n));
+    ASSERT_EQ(source->ReadWindow(1, 0, 0, info->grid.columns, info->grid.rows, cells->data(),
+                                 bits.data()),
+              S_OK);
+    valid->resize(n);
+    mask::Unpack(bits.data(), n, valid->data());
+  };
+  for (int factor : {2, 3, 5, 64}) {
+    SourceInfo info;
+    std::vector<float> cells;
+    std::vector<std::uint8_t> valid;
+    {
+      const CoarserOpenScope scope(factor);
+      EXPECT_EQ(CoarserOpenScope::Factor(), factor);
+      open(&info, &cells, &valid);
+    }
+    EXPECT_EQ(CoarserOpenScope::Factor(), 1);
+    const LONG columns = factor > 23 ? 37 : 37 / factor, rows = factor > 23 ? 23 : 23 / factor;
+    const int f = factor > 23 ? 1 : factor;
+    ASSERT_EQ(info.grid.columns, columns) << factor;
+    ASSERT_EQ(info.grid.rows, rows) << factor;
+    EXPECT_DOUBLE_EQ(info.grid.xmin, 500000);
+    EXPECT_DOUBLE_EQ(info.grid.ymax, 4600000);
+    EXPECT_NEAR(info.grid.CellX(), 30.0 * f, 1e-9);
+    ASSERT_TRUE(info.noData[1]);
+    EXPECT_EQ(*info.noData[1], -9999);
+    for (LONG r = 0; r < rows; ++r)
+      for (LONG c = 0; c < columns; ++c) {
+        const double expected =
+            values[static_cast<std::size_t>(37 * 23 + (r * f + f / 2) * 37 + c * f + f / 2)];
+        const auto at = static_cast<std::size_t>(r * columns + c);
+        ASSERT_EQ(valid[at] != 0, expected != -9999) << factor << ": " << c << "," << r;
+        if (valid[at]) {
+          ASSERT_EQ(cells[at], static_cast<float>(expected)) << factor << ": " << c << "," << r;
+        }
+      }
+  }
+}
+
 TEST_F(GdalTest, BadInputFailsWithOneClearReason) {
   test::WriteFile(dir_ / "text.tif", "this is not a raster");
   const struct {
