@@ -2,11 +2,16 @@
 #include "raster/algorithms/statistics.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cmath>
 #include <cstdint>
 #include <limits>
+#include <string>
+#include <thread>
 #include <type_traits>
 
+#include "com/errorinfo.h"
+#include "raster/algorithms/parallel.h"
 #include "raster/mask.h"
 #include "raster/pixel_block.h"
 #include "raster/pixel_traits.h"
@@ -317,6 +322,62 @@ std::vector<Window> EstimateWindows(LONG width, LONG height) {
   return windows;
 }
 
+namespace {
+
+// Reads the sample's windows of `raster` into `blocks`, on every core unless the calling
+// thread is itself one of many workers. The first failure is returned with its message.
+HRESULT ReadWindows(IRaster* raster, const std::vector<Window>& windows,
+                    std::vector<ComPtr<IPixelBlock>>* blocks) {
+  blocks->assign(windows.size(), nullptr);
+  const std::size_t cores = std::max(1u, std::thread::hardware_concurrency());
+  const std::size_t threads = InParallelWorker() ? 1 : std::min(cores, windows.size());
+  // Windows taken column by column: threads at once read different rows of the file's
+  // blocks, which its handles serve in parallel.
+  std::vector<std::size_t> order(windows.size());
+  for (std::size_t k = 0; k < order.size(); ++k) order[k] = k;
+  std::stable_sort(order.begin(), order.end(), [&](std::size_t a, std::size_t b) {
+    return windows[a].column < windows[b].column;
+  });
+  std::atomic<std::size_t> next{0};
+  std::atomic<bool> failed{false};
+  std::vector<HRESULT> results(threads, S_OK);
+  std::vector<std::u16string> messages(threads);
+  auto work = [&](std::size_t t) {
+    const ParallelWorkerScope worker;
+    while (!failed) {
+      const std::size_t taken = next++;
+      if (taken >= windows.size()) return;
+      const std::size_t k = order[taken];
+      const Window& w = windows[k];
+      ComPtr<IPixelBlock> block;
+      HRESULT hr = raster->CreatePixelBlock(w.width, w.height, &block);
+      if (SUCCEEDED(hr)) hr = raster->ReadAt(w.column, w.row, block.Get());
+      if (FAILED(hr)) {
+        results[t] = hr;
+        messages[t] = TakeErrorDescription();
+        failed = true;
+        return;
+      }
+      (*blocks)[k] = std::move(block);
+    }
+  };
+  std::vector<std::thread> team;
+  std::size_t started = 1;
+  try {
+    for (; started < threads; ++started) team.emplace_back(work, started);
+  } catch (...) {
+    // Windows no thread could take are read here.
+  }
+  work(0);
+  for (std::thread& t : team) t.join();
+  for (std::size_t t = 0; t < threads; ++t)
+    if (FAILED(results[t]))
+      return messages[t].empty() ? results[t] : ReportError(results[t], messages[t]);
+  return S_OK;
+}
+
+}  // namespace
+
 HRESULT ComputeRasterStatistics(IRaster* raster, Accuracy accuracy,
                                 std::vector<ComPtr<IRasterStatistics>>* statistics,
                                 std::vector<ComPtr<IRasterHistogram>>* histograms) {
@@ -336,8 +397,10 @@ HRESULT ComputeRasterStatistics(IRaster* raster, Accuracy accuracy,
     const bool sampled =
         accuracy == Accuracy::kEstimate &&
         static_cast<std::size_t>(width) * static_cast<std::size_t>(height) > kEstimateCells;
-    // A sample stays in memory between the passes; an exact pass reads the raster again.
+    // A sample is read once, on every core, and stays in memory between the passes; an
+    // exact pass reads the raster again.
     std::vector<ComPtr<IPixelBlock>> kept;
+    if (sampled) PW_RETURN_IF_FAILED(ReadWindows(raster, windows, &kept));
     auto each = [&](auto&& visit) -> HRESULT {
       for (std::size_t k = 0; k < windows.size(); ++k) {
         ComPtr<IPixelBlock> block;

@@ -609,5 +609,49 @@ TEST(RasterStatistics, EstimatesReadABoundedSampleSpreadOverTheRaster) {
   }
 }
 
+// The sample is read on every core: its statistics are those of its windows, whatever order
+// the threads read them in.
+TEST(RasterStatistics, ASampleReadOnEveryCoreGivesTheStatisticsOfItsWindows) {
+  const LONG width = 1300, height = 1100;  // over the bound of rasters read whole
+  auto value = [](LONG, LONG c, LONG r) {
+    const LONG k = (c * 7 + r * 13) % 1000;
+    return k == 5 ? std::numeric_limits<double>::quiet_NaN() : k + (c % 3 == 0 ? 0.25 : 0.0);
+  };
+  const ComPtr<IRaster> raster = test::MemoryRaster(test::Row(width, height), 1, 9, value);
+  double lowest = 1e300, highest = -1e300, sum = 0;
+  std::size_t count = 0;
+  for (const auto& w : raster::EstimateWindows(width, height))
+    for (LONG r = w.row; r < w.row + w.height; ++r)
+      for (LONG c = w.column; c < w.column + w.width; ++c)
+        if (const double v = value(0, c, r); !std::isnan(v)) {
+          lowest = std::min(lowest, v), highest = std::max(highest, v), sum += v, ++count;
+        }
+  for (int run = 0; run < 3; ++run) {
+    std::vector<ComPtr<IRasterStatistics>> statistics;
+    std::vector<ComPtr<IRasterHistogram>> histograms;
+    ASSERT_EQ(raster::ComputeRasterStatistics(raster.Get(), raster::Accuracy::kEstimate,
+                                              &statistics, &histograms),
+              S_OK);
+    double min = 0, max = 0, mean = 0;
+    statistics[0]->get_Minimum(&min);
+    statistics[0]->get_Maximum(&max);
+    statistics[0]->get_Mean(&mean);
+    EXPECT_EQ(min, lowest);
+    EXPECT_EQ(max, highest);
+    EXPECT_NEAR(mean, sum / static_cast<double>(count), 1e-9);
+    ComPtr<IDoubleArray> counts;
+    ASSERT_EQ(histograms[0]->get_Counts(&counts), S_OK);
+    LONG bins = 0;
+    counts->get_Count(&bins);
+    double total = 0;
+    for (LONG i = 0; i < bins; ++i) {
+      double n = 0;
+      counts->get_Element(i, &n);
+      total += n;
+    }
+    EXPECT_EQ(total, static_cast<double>(count));
+  }
+}
+
 }  // namespace
 }  // namespace pw::functions
