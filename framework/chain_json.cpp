@@ -7,7 +7,7 @@
 #include <fstream>
 #include <sstream>
 
-#include "framework/argument_spec.h"
+#include "framework/argument_declarations.h"
 #include "framework/arguments.h"
 #include "framework/function_raster.h"
 #include "framework/relative_path_manager.h"

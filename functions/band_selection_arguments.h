@@ -1,7 +1,7 @@
 // The declarations of the band-selection arguments that NDVI and extract band share.
 #pragma once
 
-#include "framework/argument_spec.h"
+#include "framework/argument_declarations.h"
 
 namespace pw::functions {
 

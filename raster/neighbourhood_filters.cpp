@@ -28,7 +28,7 @@ class ConvolutionFilter : public IRasterFilter, public IRasterConvolutionFilter 
     const std::shared_ptr<const convolution::Prepared> kernel = kernel_;
     if (type_ == 255) return source->ReadAt(column, row, output);
     if (!kernel) return E_UNEXPECTED;
-    WindowSpec spec;
+    WindowShape spec;
     spec.margins = convolution::MarginsOf(kernel->kernel);
     spec.edges = mirror_ ? EdgeMode::kMirror : EdgeMode::kInvalid;
     return Guard([&] {
@@ -103,7 +103,7 @@ class FocalStatisticsFilter : public IRasterFilter, public IFocalStatisticsFilte
   HRESULT STDMETHODCALLTYPE Filter(IRaster* source, LONG column, LONG row,
                                    IPixelBlock* output) override {
     if (source == nullptr || output == nullptr) return E_POINTER;
-    WindowSpec spec;
+    WindowShape spec;
     spec.margins = Margins::Window(columns_, rows_);
     spec.edges = EdgeMode::kInvalid;
     const auto statistic = static_cast<focal::Statistic>(statistic_);

@@ -1,6 +1,6 @@
 // The composite band function and its arguments.
 #include "functions/bands/composite_band_function.h"
-#include "framework/argument_spec.h"
+#include "framework/argument_declarations.h"
 
 #include "raster/persist/class_registry.h"
 #include "raster/persist/json.h"

@@ -1,6 +1,6 @@
 // The extract band function and its arguments.
 #include "functions/bands/extract_band_function.h"
-#include "framework/argument_spec.h"
+#include "framework/argument_declarations.h"
 #include "functions/band_selection_arguments.h"
 
 #include "raster/band_indexes.h"

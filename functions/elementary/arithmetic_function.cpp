@@ -1,6 +1,6 @@
 // The arithmetic function and its arguments.
 #include "functions/elementary/arithmetic_function.h"
-#include "framework/argument_spec.h"
+#include "framework/argument_declarations.h"
 
 #include <algorithm>
 #include <charconv>

@@ -1,6 +1,6 @@
 // The constant function and its arguments.
 #include "functions/elementary/constant_function.h"
-#include "framework/argument_spec.h"
+#include "framework/argument_declarations.h"
 
 #include <cmath>
 #include <cstring>

@@ -1,6 +1,6 @@
 // The identity function.
 #include "functions/elementary/identity_function.h"
-#include "framework/argument_spec.h"
+#include "framework/argument_declarations.h"
 
 #include <cmath>
 

@@ -1,6 +1,6 @@
 // The NDVI function and its arguments.
 #include "functions/elementary/ndvi_function.h"
-#include "framework/argument_spec.h"
+#include "framework/argument_declarations.h"
 #include "functions/band_selection_arguments.h"
 
 #include <cstring>

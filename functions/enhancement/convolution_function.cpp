@@ -1,6 +1,6 @@
 // The convolution function and its arguments.
 #include "functions/enhancement/convolution_function.h"
-#include "framework/argument_spec.h"
+#include "framework/argument_declarations.h"
 
 #include <memory>
 #include <string>

@@ -1,6 +1,6 @@
 // The mask function and its arguments.
 #include "functions/enhancement/mask_function.h"
-#include "framework/argument_spec.h"
+#include "framework/argument_declarations.h"
 
 #include <cstring>
 

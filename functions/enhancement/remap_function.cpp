@@ -1,6 +1,6 @@
 // The remap function and its arguments.
 #include "functions/enhancement/remap_function.h"
-#include "framework/argument_spec.h"
+#include "framework/argument_declarations.h"
 
 #include <cmath>
 #include <limits>

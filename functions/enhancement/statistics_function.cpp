@@ -1,6 +1,6 @@
 // The focal statistics function and its arguments.
 #include "functions/enhancement/statistics_function.h"
-#include "framework/argument_spec.h"
+#include "framework/argument_declarations.h"
 
 #include <memory>
 #include <string>

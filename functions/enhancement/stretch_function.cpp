@@ -1,6 +1,6 @@
 // The stretch function and its arguments.
 #include "functions/enhancement/stretch_function.h"
-#include "framework/argument_spec.h"
+#include "framework/argument_declarations.h"
 
 #include <algorithm>
 #include <cmath>

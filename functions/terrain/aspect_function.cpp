@@ -1,6 +1,6 @@
 // The aspect function.
 #include "functions/terrain/aspect_function.h"
-#include "framework/argument_spec.h"
+#include "framework/argument_declarations.h"
 #include "functions/terrain/terrain_arguments.h"
 
 #include "framework/arguments.h"

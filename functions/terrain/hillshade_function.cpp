@@ -1,6 +1,6 @@
 // The hillshade function and its arguments.
 #include "functions/terrain/hillshade_function.h"
-#include "framework/argument_spec.h"
+#include "framework/argument_declarations.h"
 
 #include <cmath>
 

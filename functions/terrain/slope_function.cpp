@@ -1,6 +1,6 @@
 // The slope function and its arguments.
 #include "functions/terrain/slope_function.h"
-#include "framework/argument_spec.h"
+#include "framework/argument_declarations.h"
 
 #include <cmath>
 

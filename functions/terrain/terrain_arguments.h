@@ -3,7 +3,7 @@
 // function's typed accessor interface, which declares these accessors among its own.
 #pragma once
 
-#include "framework/argument_spec.h"
+#include "framework/argument_declarations.h"
 #include "framework/arguments.h"
 
 namespace pw::functions {

@@ -103,7 +103,7 @@ HRESULT TerrainFunction::ReadImpl(LONG column, LONG row, IPixelBlock* block) {
   if (shape.width < 1 || shape.height < 1) return S_OK;
   // The window engine reads each band of rows with its one-cell margins just before it is
   // computed, so that the input is still in the processor's cache when the engine reads it.
-  raster::WindowSpec spec;
+  raster::WindowShape spec;
   spec.margins = raster::Margins::Radius(1);
   spec.edges = removeEdgeEffect_ ? raster::EdgeMode::kExtend : raster::EdgeMode::kInvalid;
   spec.pixelType = inputType_;

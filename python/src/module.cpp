@@ -21,7 +21,7 @@
 #include <vector>
 
 #include "com/platform.h"
-#include "framework/argument_spec.h"
+#include "framework/argument_declarations.h"
 #include "framework/chain_json.h"
 #include "framework/function_raster.h"
 #include "raster/algorithms/parallel.h"

@@ -20,7 +20,7 @@ namespace {
 constexpr LONG kStripRows = 32;
 
 HRESULT RunRows(IRaster* source, LONG column, LONG row, LONG width, LONG firstRow, LONG rows,
-                const BlockShape& shape, IPixelBlock* output, const WindowSpec& spec,
+                const BlockShape& shape, IPixelBlock* output, const WindowShape& spec,
                 const BandFn& band) {
   const std::size_t pixel = PixelSize(shape.pixelType);
   return ForEachWindowRows(
@@ -49,7 +49,7 @@ HRESULT RunRows(IRaster* source, LONG column, LONG row, LONG width, LONG firstRo
 
 }  // namespace
 
-HRESULT FilterBlock(IRaster* source, LONG column, LONG row, IPixelBlock* output, WindowSpec spec,
+HRESULT FilterBlock(IRaster* source, LONG column, LONG row, IPixelBlock* output, WindowShape spec,
                     const BandFn& band) {
   if (source == nullptr || output == nullptr) return E_POINTER;
   BlockShape shape;

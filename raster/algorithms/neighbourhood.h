@@ -47,7 +47,7 @@ struct Target {
 // block's). Blocks of more than a few rows are cut into strips that run on all cores,
 // unless the calling thread is itself a parallel worker.
 using BandFn = std::function<void(const Window&, const Target&)>;
-HRESULT FilterBlock(IRaster* source, LONG column, LONG row, IPixelBlock* output, WindowSpec spec,
+HRESULT FilterBlock(IRaster* source, LONG column, LONG row, IPixelBlock* output, WindowShape spec,
                     const BandFn& band);
 
 // Integer results round half up (floor(v + 0.5)) and clamp to the type's range; floating

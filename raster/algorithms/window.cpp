@@ -130,7 +130,7 @@ HRESULT ReadGrownWindow(IRaster* raster, LONG column, LONG row, LONG width, LONG
   return S_OK;
 }
 
-LONG WindowBandRows(const WindowSpec& spec, LONG width, LONG height) {
+LONG WindowBandRows(const WindowShape& spec, LONG width, LONG height) {
   const std::size_t rowBytes =
       static_cast<std::size_t>(width + spec.margins.left + spec.margins.right) *
       PixelSize(spec.pixelType) * static_cast<std::size_t>(std::max<LONG>(spec.bands, 1));
@@ -141,7 +141,7 @@ LONG WindowBandRows(const WindowSpec& spec, LONG width, LONG height) {
 }
 
 HRESULT ReadWindowRows(IRaster* input, LONG column, LONG row, LONG width, LONG rows, LONG firstRow,
-                       const WindowSpec& spec, IPixelBlock** window, WindowRows* band) {
+                       const WindowShape& spec, IPixelBlock** window, WindowRows* band) {
   Extent extent;
   PW_RETURN_IF_FAILED(ExtentOf(input, &extent));
   const Margins& m = spec.margins;

@@ -71,7 +71,7 @@ inline HRESULT ReadGrownWindow(IRaster* raster, LONG column, LONG row, LONG widt
 }
 
 // What a neighbourhood reads.
-struct WindowSpec {
+struct WindowShape {
   Margins margins;
   EdgeMode edges = EdgeMode::kInvalid;
   LONG pixelType = -1;  // the type the window's values are read as
@@ -99,17 +99,17 @@ struct WindowRows {
 };
 
 // The bands of rows of a block of `height` rows for a window `columns` wide.
-LONG WindowBandRows(const WindowSpec& spec, LONG width, LONG height);
+LONG WindowBandRows(const WindowShape& spec, LONG width, LONG height);
 // Reads one band's grown window and works out its interior.
 HRESULT ReadWindowRows(IRaster* input, LONG column, LONG row, LONG width, LONG rows, LONG firstRow,
-                       const WindowSpec& spec, IPixelBlock** window, WindowRows* band);
+                       const WindowShape& spec, IPixelBlock** window, WindowRows* band);
 
 // Runs `policy(const WindowRows&)` (returning HRESULT) over the output block of `width` x
 // `height` at (column, row), band of rows by band of rows. The first failure stops it;
 // S_FALSE from every band gives S_FALSE.
 template <class Policy>
 HRESULT ForEachWindowRows(IRaster* input, LONG column, LONG row, LONG width, LONG height,
-                          const WindowSpec& spec, Policy&& policy) {
+                          const WindowShape& spec, Policy&& policy) {
   if (width < 1 || height < 1) return S_OK;
   const LONG step = WindowBandRows(spec, width, height);
   HRESULT result = S_FALSE;

@@ -5,7 +5,7 @@
 
 #include <cstdlib>
 
-#include "framework/argument_spec.h"
+#include "framework/argument_declarations.h"
 #include "tests/test_support.h"
 
 namespace pw::framework {

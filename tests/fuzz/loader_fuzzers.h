@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "com/errorinfo.h"
-#include "framework/argument_spec.h"
+#include "framework/argument_declarations.h"
 #include "framework/function_interfaces.h"
 #include "raster/persist/document_version.h"
 #include "raster/persist/json.h"

@@ -31,7 +31,7 @@
 #include <vector>
 
 #include "com/platform.h"
-#include "framework/argument_spec.h"
+#include "framework/argument_declarations.h"
 #include "framework/chain_json.h"
 #include "framework/display.h"
 #include "framework/function_raster.h"

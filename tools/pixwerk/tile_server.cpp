@@ -15,7 +15,7 @@
 #include <vector>
 
 #include "com/errorinfo.h"
-#include "framework/argument_spec.h"
+#include "framework/argument_declarations.h"
 #include "framework/display.h"
 #include "framework/function_raster.h"
 #include "raster/algorithms/parallel.h"

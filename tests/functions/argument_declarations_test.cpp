@@ -8,7 +8,7 @@
 #include <cstdlib>
 #include <map>
 
-#include "framework/argument_spec.h"
+#include "framework/argument_declarations.h"
 #include "framework/chain_json.h"
 #include "raster/gdal/gdal_dataset.h"
 #include "tests/functions/function_test_support.h"

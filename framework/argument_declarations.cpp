@@ -1,6 +1,6 @@
 // Argument declarations: the registry, the checks a chain's arguments go through, and the
 // descriptions made from them.
-#include "framework/argument_spec.h"
+#include "framework/argument_declarations.h"
 
 #include <algorithm>
 #include <cmath>
