@@ -14,6 +14,7 @@ void PixelwiseInputs::Clear() {
   inputs_.clear();
   operands_.clear();
   merge_ = MaskMerge::kIntersect;
+  inPlace_ = false;
 }
 
 void PixelwiseInputs::Add(IRaster* raster, LONG loadType) {
@@ -41,6 +42,11 @@ HRESULT PixelwiseInputs::ReadInputs(LONG column, LONG row, IPixelBlock* block,
                                     ? std::min(shape.bands, input.bands)
                                     : o.band + 1);
     if (bands == 0) continue;
+    if (inPlace_ && inputs_.size() == 1 && input.type == shape.pixelType && bands == shape.bands) {
+      (*blocks)[i] = ComPtr<IPixelBlock>(block);
+      PW_RETURN_IF_FAILED(input.raster->ReadAt(column, row, block));
+      continue;
+    }
     PW_RETURN_IF_FAILED(
         raster::CreatePixelBlock(shape.width, shape.height, bands, input.type, &(*blocks)[i]));
     PW_RETURN_IF_FAILED(input.raster->ReadAt(column, row, (*blocks)[i].Get()));
@@ -69,7 +75,7 @@ PixelwiseBand PixelwiseInputs::Prepare(const std::vector<ComPtr<IPixelBlock>>& b
   }
   const std::size_t bytes = raster::mask::Bytes(out.pixels);
   if (merge_ == MaskMerge::kKernel) return out;
-  std::memcpy(out.mask, out.inMask[0], bytes);
+  if (out.mask != out.inMask[0]) std::memcpy(out.mask, out.inMask[0], bytes);
   for (std::size_t k = 1; k < operands_.size(); ++k) {
     if (merge_ == MaskMerge::kIntersect)
       raster::mask::Intersect(out.mask, out.inMask[k], bytes);

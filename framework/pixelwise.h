@@ -47,6 +47,11 @@ class PixelwiseInputs {
   void Clear();
   void Add(IRaster* raster, LONG loadType);
   void SetOperands(std::vector<PixelwiseOperand> operands, MaskMerge merge = MaskMerge::kIntersect);
+  // A kernel that works in place (each cell read before it is written, nothing kept from
+  // a neighbour) may get its operand's values in the output block itself: when the one
+  // input is read as the output's type with the output's bands, it is read straight into
+  // the block, and the band's `in` is its `out`. Saves a block's copy and allocation.
+  void AllowInPlace(bool allow = true) { inPlace_ = allow; }
   bool Ready() const { return !inputs_.empty() && !operands_.empty(); }
 
   // Reads the inputs for the output block at (column, row) and calls `kernel(const
@@ -76,6 +81,7 @@ class PixelwiseInputs {
   std::vector<Input> inputs_;
   std::vector<PixelwiseOperand> operands_;
   MaskMerge merge_ = MaskMerge::kIntersect;
+  bool inPlace_ = false;
 };
 
 }  // namespace pw::framework

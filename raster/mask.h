@@ -2,6 +2,7 @@
 // first, set = valid; (pixels + 7) / 8 bytes. Bulk operations work a 64-bit word at a time.
 #pragma once
 
+#include <algorithm>
 #include <bit>
 #include <cstddef>
 #include <cstdint>
@@ -65,6 +66,10 @@ void FillInvalid(T* values, const std::uint8_t* m, std::size_t pixels, T fill) {
   for (std::size_t w = 0; w < words; ++w) {
     std::uint64_t word;
     std::memcpy(&word, m + w * 8, 8);
+    if (word == 0) {  // a run of invalid cells: one flat store loop
+      std::fill_n(values + w * 64, 64, fill);
+      continue;
+    }
     // Byte k of the word in bits 8k to 8k + 7, its first pixel in the top one.
     for (std::uint64_t clear = ~LittleEndian(word); clear != 0; clear &= clear - 1) {
       const unsigned bit = static_cast<unsigned>(std::countr_zero(clear));

@@ -139,6 +139,7 @@ HRESULT MaskFunction::BindImpl(IRasterFunctionArguments* arguments) {
   pixelwise_.Clear();
   pixelwise_.Add(input.Get(), type);
   pixelwise_.SetOperands({{0}});
+  pixelwise_.AllowInPlace();
   tests_ = std::move(tests);
   type_ = type;
   anyBand_ = anyBand;
@@ -153,7 +154,7 @@ HRESULT MaskFunction::ReadImpl(LONG column, LONG row, IPixelBlock* block) {
   const std::size_t size = raster::PixelSize(type_);
   // Each band: the input's values, and the pixels its test keeps.
   PW_RETURN_IF_FAILED(pixelwise_.Run(column, row, block, [&](const framework::PixelwiseBand& b) {
-    std::memcpy(b.out, b.in[0], b.pixels * size);
+    if (b.out != b.in[0]) std::memcpy(b.out, b.in[0], b.pixels * size);
     if (static_cast<std::size_t>(b.band) < tests_.size())
       mask::ApplyTest(tests_[static_cast<std::size_t>(b.band)], type_, b.out, b.mask, b.pixels);
   }));

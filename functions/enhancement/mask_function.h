@@ -65,6 +65,8 @@ class MaskFunction : public framework::BasicFunction {
  protected:
   HRESULT BindImpl(IRasterFunctionArguments* arguments) override;
   HRESULT ReadImpl(LONG column, LONG row, IPixelBlock* block) override;
+  // Every value is copied from the input and every bit set by the test.
+  bool WritesWholeBlock() const override { return true; }
 
  private:
   framework::PixelwiseInputs pixelwise_;

@@ -11,7 +11,9 @@ Isa Detect() {
   Isa best = Isa::kBaseline;
 #if PW_SIMD_X86
   __builtin_cpu_init();
-  if (__builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma")) best = Isa::kAvx2;
+  if (__builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma") &&
+      __builtin_cpu_supports("popcnt"))
+    best = Isa::kAvx2;
   if (best == Isa::kAvx2 && __builtin_cpu_supports("avx512f") &&
       __builtin_cpu_supports("avx512bw") && __builtin_cpu_supports("avx512dq") &&
       __builtin_cpu_supports("avx512vl"))

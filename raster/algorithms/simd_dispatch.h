@@ -28,19 +28,19 @@ const char* Name(Isa isa);
 #if defined(__GNUC__) && (defined(__x86_64__) || defined(__i386__))
 #define PW_SIMD_X86 1
 #define PW_ALWAYS_INLINE [[gnu::always_inline]] inline
-#define PW_TARGET_AVX2 [[gnu::target("avx2,fma")]]
-#define PW_TARGET_AVX512 [[gnu::target("avx512f,avx512bw,avx512dq,avx512vl,avx2,fma")]]
+#define PW_TARGET_AVX2 [[gnu::target("avx2,fma,popcnt")]]
+#define PW_TARGET_AVX512 [[gnu::target("avx512f,avx512bw,avx512dq,avx512vl,avx2,fma,popcnt")]]
 #define PW_INLINE_LAMBDA __attribute__((always_inline))
 // Every function defined between PW_BEGIN_TARGET_* and PW_END_TARGET is compiled for that
 // instruction set: a whole file of kernels included once a set.
 // clang-format off
 #if defined(__clang__)
-#define PW_BEGIN_TARGET_AVX2 _Pragma("clang attribute push (__attribute__((target(\"avx2,fma\"))), apply_to = function)")
-#define PW_BEGIN_TARGET_AVX512 _Pragma("clang attribute push (__attribute__((target(\"avx512f,avx512bw,avx512dq,avx512vl,avx2,fma\"))), apply_to = function)")
+#define PW_BEGIN_TARGET_AVX2 _Pragma("clang attribute push (__attribute__((target(\"avx2,fma,popcnt\"))), apply_to = function)")
+#define PW_BEGIN_TARGET_AVX512 _Pragma("clang attribute push (__attribute__((target(\"avx512f,avx512bw,avx512dq,avx512vl,avx2,fma,popcnt\"))), apply_to = function)")
 #define PW_END_TARGET _Pragma("clang attribute pop")
 #else
-#define PW_BEGIN_TARGET_AVX2 _Pragma("GCC push_options") _Pragma("GCC target(\"avx2,fma\")")
-#define PW_BEGIN_TARGET_AVX512 _Pragma("GCC push_options") _Pragma("GCC target(\"avx512f,avx512bw,avx512dq,avx512vl,avx2,fma\")")
+#define PW_BEGIN_TARGET_AVX2 _Pragma("GCC push_options") _Pragma("GCC target(\"avx2,fma,popcnt\")")
+#define PW_BEGIN_TARGET_AVX512 _Pragma("GCC push_options") _Pragma("GCC target(\"avx512f,avx512bw,avx512dq,avx512vl,avx2,fma,popcnt\")")
 #define PW_END_TARGET _Pragma("GCC pop_options")
 #endif
 // clang-format on

@@ -4,10 +4,13 @@
 #include <algorithm>
 #include <bit>
 #include <cmath>
+#include <cstdint>
 #include <cstring>
+#include <type_traits>
 
 #include "com/errorinfo.h"
 #include "raster/algorithms/parallel.h"
+#include "raster/algorithms/simd_dispatch.h"
 #include "raster/mask.h"
 #include "raster/pixel_block.h"
 #include "raster/pixel_traits.h"
@@ -16,24 +19,31 @@
 namespace pw::raster::gdal {
 namespace {
 
-template <class T>
-std::size_t CountHolding(const T* values, const BYTE* bits, std::size_t n, T value, bool nan) {
-  std::size_t hits = 0;
-  const std::size_t whole = n / 8;
-  for (std::size_t byte = 0; byte < whole; ++byte) {
-    const T* v = values + byte * 8;
-    unsigned equal = 0;
-    for (unsigned k = 0; k < 8; ++k) {
-      const bool same = nan ? v[k] != v[k] : v[k] == value;
-      equal |= static_cast<unsigned>(same) << (7 - k);
+// Cells equal to `value` (or NaN ones), counted in runs short enough for a 32-bit count, so
+// that the compare-and-add loop vectorizes at the type's width.
+template <class T, bool kNan>
+struct Holding {
+  PW_ALWAYS_INLINE static std::size_t Run(const void* from, std::size_t n, T value) {
+    const T* __restrict values = static_cast<const T*>(from);
+    constexpr std::size_t kRun = std::size_t{1} << 16;
+    std::size_t hits = 0;
+    for (std::size_t at = 0; at < n; at += kRun) {
+      const std::size_t end = std::min(n, at + kRun);
+      std::uint32_t run = 0;
+      for (std::size_t i = at; i < end; ++i) {
+        const T v = values[i];
+        run += static_cast<std::uint32_t>(kNan ? v != v : v == value);
+      }
+      hits += run;
     }
-    hits += static_cast<std::size_t>(std::popcount(equal & bits[byte]));
+    return hits;
   }
-  for (std::size_t i = whole * 8; i < n; ++i) {
-    const bool same = nan ? values[i] != values[i] : values[i] == value;
-    hits += static_cast<std::size_t>(same && mask::Get(bits, i));
-  }
-  return hits;
+};
+
+template <class T, bool kNan>
+std::size_t CountIn(const void* values, std::size_t n, T value) {
+  using Fn = std::size_t (*)(const void*, std::size_t, T);
+  return simd::Variants<Holding<T, kNan>, Fn>::For(simd::Best())(values, n, value);
 }
 
 std::string Describe(double value) {
@@ -45,15 +55,18 @@ std::string Describe(double value) {
 
 }  // namespace
 
-std::size_t CountValidHolding(LONG pixelType, const void* values, const BYTE* mask,
-                              std::size_t count, double value) {
+std::size_t CountHolding(LONG pixelType, const void* values, std::size_t count, double value) {
   std::size_t hits = 0;
   VisitPixelType(pixelType, [&](auto tag) {
     using T = typename decltype(tag)::type;
-    const bool nan = std::isnan(value);
-    if (!nan && !HoldsValue(pixelType, value)) return;  // no cell can hold it
-    hits = CountHolding(static_cast<const T*>(values), mask, count,
-                        nan ? T{} : static_cast<T>(value), nan);
+    if constexpr (std::is_floating_point_v<T>) {
+      if (std::isnan(value)) {
+        hits = CountIn<T, true>(values, count, T{});
+        return;
+      }
+    }
+    if (!HoldsValue(pixelType, value)) return;  // no cell can hold it
+    hits = CountIn<T, false>(values, count, static_cast<T>(value));
   });
   return hits;
 }
@@ -182,8 +195,12 @@ HRESULT StripPipeline::Prepare(Strip* strip) const {
   }
   if (plan_.noData) {
     for (LONG b = 0; b < bands_; ++b) {
-      const std::size_t hits =
-          CountValidHolding(type_, block->Buffer(b), block->Mask(b), n, *plan_.noData);
+      // Invalid cells hold the no-data value now (filled above), so the valid ones holding
+      // it are all that hold it less the invalid ones.
+      const std::size_t all = CountHolding(type_, block->Buffer(b), n, *plan_.noData);
+      const std::size_t invalid =
+          whole[static_cast<std::size_t>(b)] ? 0 : n - mask::Count(block->Mask(b), n);
+      const std::size_t hits = all >= invalid ? all - invalid : 0;
       if (hits == 0) continue;
       return ReportError(kNoDataTaken,
                          std::to_string(hits) + " valid cells of band " + std::to_string(b + 1) +

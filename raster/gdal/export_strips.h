@@ -86,8 +86,7 @@ class StripPipeline {
   std::vector<std::thread> workers_;
 };
 
-// Counts the valid cells holding `value` (NaN counts NaN cells).
-std::size_t CountValidHolding(LONG pixelType, const void* values, const BYTE* mask,
-                              std::size_t count, double value);
+// Counts the cells holding `value` (NaN counts NaN cells), valid or not.
+std::size_t CountHolding(LONG pixelType, const void* values, std::size_t count, double value);
 
 }  // namespace pw::raster::gdal

@@ -378,7 +378,9 @@ TEST_F(ExportCases, AChosenNoDataValueOrMaskIsCheckedAgainstTheCells) {
   } refused[] = {{256, "cannot be held"},
                  {-1, "cannot be held"},
                  {0.5, "cannot be held"},
-                 {15, "hold the no-data value 15"}};
+                 // The counts are of valid cells only: the invalid corner takes the value too.
+                 {15, "9 valid cells of band 1 in rows 1 to 9 hold the no-data value 15"},
+                 {1, "8 valid cells of band 1 in rows 1 to 9 hold the no-data value 1"}};
   options.validity = ExportOptions::Validity::kNoData;
   for (const auto& r : refused) {
     options.noDataValue = r.value;
@@ -388,6 +390,12 @@ TEST_F(ExportCases, AChosenNoDataValueOrMaskIsCheckedAgainstTheCells) {
   }
   EXPECT_FALSE(std::filesystem::exists(File("refused.tif")));
   EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir_.Path()), {}), 3);
+  // The input's own no-data value: only the invalid corner holds it.
+  options.noDataValue = 0;
+  ASSERT_EQ(Export(chain, "own.tif", options), S_OK) << test::LastError();
+  band = ReadBand(File("own.tif"), 1);
+  EXPECT_FALSE(band.valid[0]);
+  EXPECT_EQ(band.ValidCount(), band.values.size() - 1);
 }
 
 // Bands whose validity differs cell by cell (a composite of rasters of different extents)
