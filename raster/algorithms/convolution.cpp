@@ -263,31 +263,240 @@ struct Axpy {
 };
 using AxpyFn = void (*)(const double*, double, std::size_t, double*);
 
+// --- the same straight from the window's values and into the output's type -------------
+// For 3 x 3 and 5 x 5 kernels: no ring of converted rows and no row of sums, each input row
+// is read where the window holds it and each output cell written once.
+
+// Down the columns from rows of T: out[c] = sum of v[i] * rows[i][c], or the plain sum.
+template <class T, int K, bool kWeighted>
+struct DownFrom {
+  PW_ALWAYS_INLINE static void Run(const void* const* rows, const double* v, std::size_t n,
+                                   double* out) {
+    const T* r[K];
+    double k[K] = {};
+    for (int i = 0; i < K; ++i) {
+      r[i] = static_cast<const T*>(rows[i]);
+      if constexpr (kWeighted) k[i] = v[i];
+    }
+    double* __restrict o = out;
+    for (std::size_t c = 0; c < n; ++c) {
+      double s;
+      if constexpr (kWeighted) {
+        s = 0;
+        for (int i = 0; i < K; ++i) s += k[i] * static_cast<double>(r[i][c]);
+      } else {
+        s = static_cast<double>(r[0][c]);
+        for (int i = 1; i < K; ++i) s += static_cast<double>(r[i][c]);
+      }
+      o[c] = s;
+    }
+  }
+};
+using DownFromFn = void (*)(const void* const*, const double*, std::size_t, double*);
+
+// How a row of column sums becomes output cells.
+enum AcrossMode { kWeights, kLevel, kLevelAndTap };
+
+// Across the column sums into T: sum of h[j] * in[c + j] (kWeights), or level (h[0]) times
+// the plain sum, plus weight times the one other cell's value (kLevelAndTap).
+template <class T, int K, AcrossMode kMode>
+struct AcrossInto {
+  PW_ALWAYS_INLINE static void Run(const double* in, const double* h, const void* tap,
+                                   double weight, std::size_t n, void* out) {
+    double k[K] = {};
+    for (int j = 0; j < (kMode == kWeights ? K : 1); ++j) k[j] = h[j];
+    const T* __restrict t = static_cast<const T*>(tap);
+    T* __restrict o = static_cast<T*>(out);
+    for (std::size_t c = 0; c < n; ++c) {
+      double s;
+      if constexpr (kMode == kWeights) {
+        s = 0;
+        for (int j = 0; j < K; ++j) s += k[j] * in[c + static_cast<std::size_t>(j)];
+      } else {
+        s = in[c];
+        for (int j = 1; j < K; ++j) s += in[c + static_cast<std::size_t>(j)];
+        s = k[0] * s;
+        if constexpr (kMode == kLevelAndTap) s += weight * static_cast<double>(t[c]);
+      }
+      o[c] = neighbourhood::RoundHalfUp<T>(s);
+    }
+  }
+};
+using AcrossIntoFn = void (*)(const double*, const double*, const void*, double, std::size_t,
+                              void*);
+
+// A whole kernel of fixed size from rows of T into T.
+template <class T, int KC, int KR>
+struct FixedFrom {
+  PW_ALWAYS_INLINE static void Run(const void* const* rows, const double* w, std::size_t n,
+                                   void* out) {
+    const T* r[KR];
+    double k[KC * KR];
+    for (int i = 0; i < KR; ++i) r[i] = static_cast<const T*>(rows[i]);
+    for (int i = 0; i < KC * KR; ++i) k[i] = w[i];
+    T* __restrict o = static_cast<T*>(out);
+    for (std::size_t c = 0; c < n; ++c) {
+      double s = 0;
+      for (int i = 0; i < KR; ++i)
+        for (int j = 0; j < KC; ++j)
+          s += k[i * KC + j] * static_cast<double>(r[i][c + static_cast<std::size_t>(j)]);
+      o[c] = neighbourhood::RoundHalfUp<T>(s);
+    }
+  }
+};
+using FixedFromFn = void (*)(const void* const*, const double*, std::size_t, void*);
+
 template <class Body, class Fn>
 Fn Pick(simd::Isa isa) {
   return simd::Variants<Body, Fn>::For(isa);
 }
 
-// The validity of each output cell of row r: every cell of its window valid.
-void RowValidity(const Window& in, LONG r, std::vector<std::uint8_t>* column,
-                 std::vector<std::uint8_t>* cells, std::uint8_t* valid) {
-  const std::size_t stride = in.Stride();
-  const LONG kr = in.margins.Rows(), kc = in.margins.Columns();
-  std::uint8_t* all = column->data();
-  mask::Unpack(in.mask, static_cast<std::size_t>(r) * stride, stride, all);
-  for (LONG i = 1; i < kr; ++i) {
-    mask::Unpack(in.mask, static_cast<std::size_t>(r + i) * stride, stride, cells->data());
-    for (std::size_t c = 0; c < stride; ++c) all[c] &= (*cells)[c];
+// Which output cells of a window band are valid: those whose every window cell is. The
+// band's mask is unpacked once into bytes; a row whose window rows are all valid is settled
+// from the packed bits alone.
+class Validity {
+ public:
+  explicit Validity(const Window& in) : in_(in) {
+    if (in.allValid) return;
+    const std::size_t stride = in.Stride();
+    cells_.resize(stride * static_cast<std::size_t>(in.GrownRows()));
+    mask::Unpack(in.mask, cells_.size(), cells_.data());
+    column_.resize(stride);
+    valid_.resize(static_cast<std::size_t>(in.width));
   }
+
+  // Writes row r's output bits; false when some cell of the row is invalid (Valid() then
+  // holds each cell's validity).
+  bool Row(LONG r, BYTE* mask) {
+    const std::size_t stride = in_.Stride(), width = static_cast<std::size_t>(in_.width);
+    const std::size_t first = static_cast<std::size_t>(r) * width;
+    const LONG kr = in_.margins.Rows(), kc = in_.margins.Columns();
+    if (in_.allValid || mask::AllValid(in_.mask, static_cast<std::size_t>(r) * stride,
+                                       static_cast<std::size_t>(kr) * stride)) {
+      mask::SetRange(mask, first, width);
+      return true;
+    }
+    std::uint8_t* all = column_.data();
+    const std::uint8_t* top = cells_.data() + static_cast<std::size_t>(r) * stride;
+    std::copy_n(top, stride, all);
+    for (LONG i = 1; i < kr; ++i) {
+      const std::uint8_t* row = top + static_cast<std::size_t>(i) * stride;
+      for (std::size_t c = 0; c < stride; ++c) all[c] &= row[c];
+    }
+    std::uint8_t* valid = valid_.data();
+    std::copy_n(all, width, valid);
+    for (LONG j = 1; j < kc; ++j)
+      for (std::size_t c = 0; c < width; ++c) valid[c] &= all[c + static_cast<std::size_t>(j)];
+    mask::Pack(mask, first, valid, width);
+    return false;
+  }
+  const std::uint8_t* Valid() const { return valid_.data(); }
+
+ private:
+  const Window& in_;
+  std::vector<std::uint8_t> cells_, column_, valid_;
+};
+
+// Sets row r's output bits and zeroes the cells whose window holds an invalid cell.
+void MarkRow(Validity& validity, LONG r, std::size_t width, std::size_t pixel, void* target,
+             const Target& out) {
+  if (validity.Row(r, out.mask)) return;
+  const std::uint8_t* valid = validity.Valid();
+  auto* t = static_cast<std::uint8_t*>(target);
+  for (std::size_t c = 0; c < width; ++c)
+    if (!valid[c]) std::memset(t + c * pixel, 0, pixel);
+}
+
+// Codes below 3 hold fewer bits than their storage.
+void ClampNarrowTypes(const Window& in, const Target& out) {
+  if (in.pixelType < 0 || in.pixelType >= 3) return;
+  const auto top = static_cast<std::uint8_t>(PixelRange(in.pixelType).highest);
+  auto* v = static_cast<std::uint8_t*>(out.values);
+  const std::size_t n = static_cast<std::size_t>(in.width) * static_cast<std::size_t>(in.rows);
+  for (std::size_t i = 0; i < n; ++i) v[i] = std::min(v[i], top);
+}
+
+// The direct path's kernels for one pixel type and kernel, when it has them.
+struct Direct {
+  DownFromFn down = nullptr;
+  AcrossIntoFn across = nullptr;
+  FixedFromFn fixed = nullptr;
+  bool Usable() const { return fixed != nullptr || (down != nullptr && across != nullptr); }
+};
+
+template <class T, int K>
+void PickSeparable(simd::Isa isa, bool levelled, bool tap, Direct* d) {
+  if (levelled) {
+    d->down = Pick<DownFrom<T, K, false>, DownFromFn>(isa);
+    d->across = tap ? Pick<AcrossInto<T, K, kLevelAndTap>, AcrossIntoFn>(isa)
+                    : Pick<AcrossInto<T, K, kLevel>, AcrossIntoFn>(isa);
+  } else {
+    d->down = Pick<DownFrom<T, K, true>, DownFromFn>(isa);
+    d->across = Pick<AcrossInto<T, K, kWeights>, AcrossIntoFn>(isa);
+  }
+}
+
+template <class T>
+Direct PickDirect(const Prepared& p, simd::Isa isa) {
+  Direct d;
+  const LONG kr = p.kernel.rows, kc = p.kernel.columns;
+  if (kr != kc || (kr != 3 && kr != 5)) return d;
+  if (p.separable || (p.levelled && p.taps.size() <= 1)) {
+    const bool tap = p.levelled && !p.taps.empty();
+    if (kr == 3) PickSeparable<T, 3>(isa, p.levelled, tap, &d);
+    if (kr == 5) PickSeparable<T, 5>(isa, p.levelled, tap, &d);
+  } else if (!p.levelled) {
+    if (kr == 3) d.fixed = Pick<FixedFrom<T, 3, 3>, FixedFromFn>(isa);
+    if (kr == 5) d.fixed = Pick<FixedFrom<T, 5, 5>, FixedFromFn>(isa);
+  }
+  return d;
+}
+
+// Filters straight from the window into the output; false when the kernel has no direct path.
+bool ConvolveDirect(const Window& in, const Prepared& p, const Target& out) {
+  const simd::Isa isa = simd::Best();
+  Direct d;
+  VisitPixelType(in.pixelType,
+                 [&](auto tag) { d = PickDirect<typename decltype(tag)::type>(p, isa); });
+  if (!d.Usable()) return false;
+  const LONG k = p.kernel.rows;
   const std::size_t width = static_cast<std::size_t>(in.width);
-  for (std::size_t c = 0; c < width; ++c) valid[c] = all[c];
-  for (LONG j = 1; j < kc; ++j)
-    for (std::size_t c = 0; c < width; ++c) valid[c] &= all[c + static_cast<std::size_t>(j)];
+  const std::size_t stride = in.Stride();
+  const std::size_t pixel = PixelSize(in.pixelType);
+  const auto* source = static_cast<const std::uint8_t*>(in.values);
+  std::vector<double> columns(d.fixed != nullptr ? 0 : stride);
+  Validity validity(in);
+  const void* rows[5] = {};
+  const double* level = &p.level;
+  const Prepared::Tap* tap = p.levelled && !p.taps.empty() ? &p.taps.front() : nullptr;
+  for (LONG r = 0; r < in.rows; ++r) {
+    for (LONG i = 0; i < k; ++i)
+      rows[i] = source + static_cast<std::size_t>(r + i) * stride * pixel;
+    void* target =
+        static_cast<std::uint8_t*>(out.values) + static_cast<std::size_t>(r) * width * pixel;
+    if (d.fixed != nullptr) {
+      d.fixed(rows, p.kernel.weights.data(), width, target);
+    } else {
+      d.down(rows, p.separable ? p.down.data() : nullptr, stride, columns.data());
+      const void* tapRow = tap != nullptr ? static_cast<const std::uint8_t*>(rows[tap->row]) +
+                                                static_cast<std::size_t>(tap->column) * pixel
+                                          : nullptr;
+      d.across(columns.data(), p.separable ? p.across.data() : level, tapRow,
+               tap != nullptr ? tap->weight : 0.0, width, target);
+    }
+    if (!in.allValid) MarkRow(validity, r, width, pixel, target, out);
+  }
+  if (in.allValid) mask::Fill(out.mask, width * static_cast<std::size_t>(in.rows), true);
+  return true;
 }
 
 }  // namespace
 
 void Convolve(const Window& in, const Prepared& prepared, const Target& out) {
+  if (ConvolveDirect(in, prepared, out)) {
+    ClampNarrowTypes(in, out);
+    return;
+  }
   const Kernel& kernel = prepared.kernel;
   const LONG kr = kernel.rows, kc = kernel.columns;
   const std::size_t width = static_cast<std::size_t>(in.width);
@@ -328,8 +537,7 @@ void Convolve(const Window& in, const Prepared& prepared, const Target& out) {
   std::vector<const double*> rows(static_cast<std::size_t>(kr));
   const bool twoPasses = prepared.separable || prepared.levelled;
   std::vector<double> sums(width), columns(twoPasses ? stride : 0);
-  std::vector<std::uint8_t> columnValid, cellValid, valid;
-  if (!in.allValid) columnValid.resize(stride), cellValid.resize(stride), valid.resize(width);
+  Validity validity(in);
   const auto* source = static_cast<const std::uint8_t*>(in.values);
   auto slot = [&](LONG g) { return ring.data() + static_cast<std::size_t>(g % kr) * stride; };
   for (LONG g = 0; g < kr - 1; ++g)
@@ -389,25 +597,11 @@ void Convolve(const Window& in, const Prepared& prepared, const Target& out) {
     }
     void* target =
         static_cast<std::uint8_t*>(out.values) + static_cast<std::size_t>(r) * width * pixel;
-    const std::size_t first = static_cast<std::size_t>(r) * width;
-    if (in.allValid) {
-      store(sums.data(), width, target);
-      continue;
-    }
-    RowValidity(in, r, &columnValid, &cellValid, valid.data());
-    for (std::size_t c = 0; c < width; ++c)
-      if (!valid[c]) sums[c] = 0;
     store(sums.data(), width, target);
-    mask::Pack(out.mask, first, valid.data(), width);
+    if (!in.allValid) MarkRow(validity, r, width, pixel, target, out);
   }
   if (in.allValid) mask::Fill(out.mask, width * static_cast<std::size_t>(in.rows), true);
-  // Codes below 3 hold fewer bits than their storage.
-  if (in.pixelType >= 0 && in.pixelType < 3) {
-    const auto top = static_cast<std::uint8_t>(PixelRange(in.pixelType).highest);
-    auto* v = static_cast<std::uint8_t*>(out.values);
-    for (std::size_t i = 0; i < width * static_cast<std::size_t>(in.rows); ++i)
-      v[i] = std::min(v[i], top);
-  }
+  ClampNarrowTypes(in, out);
 }
 
 }  // namespace pw::raster::convolution
