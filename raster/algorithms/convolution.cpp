@@ -351,60 +351,68 @@ Fn Pick(simd::Isa isa) {
   return simd::Variants<Body, Fn>::For(isa);
 }
 
-// Which output cells of a window band are valid: those whose every window cell is. The
-// band's mask is unpacked once into bytes; a row whose window rows are all valid is settled
-// from the packed bits alone.
+// Which output cells of a window band are valid: those whose every window cell is. Worked
+// out on the packed bits 64 output cells at a time: a run whose window cells are all valid
+// is settled whole, and only runs near an invalid cell (the raster's edges, holes) go cell
+// by cell.
 class Validity {
  public:
-  explicit Validity(const Window& in) : in_(in) {
-    if (in.allValid) return;
-    const std::size_t stride = in.Stride();
-    cells_.resize(stride * static_cast<std::size_t>(in.GrownRows()));
-    mask::Unpack(in.mask, cells_.size(), cells_.data());
-    column_.resize(stride);
-    valid_.resize(static_cast<std::size_t>(in.width));
-  }
+  explicit Validity(const Window& in)
+      : in_(in), all_(kRun + static_cast<std::size_t>(in.margins.Columns())), row_(all_.size()) {}
 
-  // Writes row r's output bits; false when some cell of the row is invalid (Valid() then
-  // holds each cell's validity).
-  bool Row(LONG r, BYTE* mask) {
+  // Writes row r's output bits and calls `invalid(c)` for each of its invalid cells.
+  template <class Invalid>
+  void Row(LONG r, BYTE* mask, Invalid&& invalid) {
     const std::size_t stride = in_.Stride(), width = static_cast<std::size_t>(in_.width);
     const std::size_t first = static_cast<std::size_t>(r) * width;
-    const LONG kr = in_.margins.Rows(), kc = in_.margins.Columns();
-    if (in_.allValid || mask::AllValid(in_.mask, static_cast<std::size_t>(r) * stride,
-                                       static_cast<std::size_t>(kr) * stride)) {
+    const std::size_t top = static_cast<std::size_t>(r) * stride;
+    const LONG kr = in_.margins.Rows();
+    const std::size_t kc = static_cast<std::size_t>(in_.margins.Columns());
+    if (in_.allValid || mask::AllValid(in_.mask, top, static_cast<std::size_t>(kr) * stride)) {
       mask::SetRange(mask, first, width);
+      return;
+    }
+    // Whether cells c .. c + n - 1 of every window row are valid.
+    auto allRows = [&](std::size_t c, std::size_t n) {
+      for (LONG i = 0; i < kr; ++i)
+        if (!mask::AllValid(in_.mask, top + static_cast<std::size_t>(i) * stride + c, n))
+          return false;
       return true;
+    };
+    for (std::size_t c0 = 0; c0 < width; c0 += kRun) {
+      const std::size_t n = std::min(kRun, width - c0);
+      if (allRows(c0, n + kc - 1)) {
+        mask::SetRange(mask, first + c0, n);
+        continue;
+      }
+      // The run's window cells as bytes, their rows' AND, then each cell's kc of them.
+      std::uint8_t* all = all_.data();
+      std::uint8_t* row = row_.data();
+      const std::size_t span = n + kc - 1;
+      mask::Unpack(in_.mask, top + c0, span, all);
+      for (LONG i = 1; i < kr; ++i) {
+        mask::Unpack(in_.mask, top + static_cast<std::size_t>(i) * stride + c0, span, row);
+        for (std::size_t k = 0; k < span; ++k) all[k] &= row[k];
+      }
+      for (std::size_t k = 0; k < n; ++k) {
+        std::uint8_t ok = all[k];
+        for (std::size_t j = 1; j < kc; ++j) ok &= all[k + j];
+        mask::Put(mask, first + c0 + k, ok != 0);
+        if (!ok) invalid(c0 + k);
+      }
     }
-    std::uint8_t* all = column_.data();
-    const std::uint8_t* top = cells_.data() + static_cast<std::size_t>(r) * stride;
-    std::copy_n(top, stride, all);
-    for (LONG i = 1; i < kr; ++i) {
-      const std::uint8_t* row = top + static_cast<std::size_t>(i) * stride;
-      for (std::size_t c = 0; c < stride; ++c) all[c] &= row[c];
-    }
-    std::uint8_t* valid = valid_.data();
-    std::copy_n(all, width, valid);
-    for (LONG j = 1; j < kc; ++j)
-      for (std::size_t c = 0; c < width; ++c) valid[c] &= all[c + static_cast<std::size_t>(j)];
-    mask::Pack(mask, first, valid, width);
-    return false;
   }
-  const std::uint8_t* Valid() const { return valid_.data(); }
 
  private:
+  static constexpr std::size_t kRun = 64;
   const Window& in_;
-  std::vector<std::uint8_t> cells_, column_, valid_;
+  std::vector<std::uint8_t> all_, row_;
 };
 
 // Sets row r's output bits and zeroes the cells whose window holds an invalid cell.
-void MarkRow(Validity& validity, LONG r, std::size_t width, std::size_t pixel, void* target,
-             const Target& out) {
-  if (validity.Row(r, out.mask)) return;
-  const std::uint8_t* valid = validity.Valid();
+void MarkRow(Validity& validity, LONG r, std::size_t pixel, void* target, const Target& out) {
   auto* t = static_cast<std::uint8_t*>(target);
-  for (std::size_t c = 0; c < width; ++c)
-    if (!valid[c]) std::memset(t + c * pixel, 0, pixel);
+  validity.Row(r, out.mask, [&](std::size_t c) { std::memset(t + c * pixel, 0, pixel); });
 }
 
 // Codes below 3 hold fewer bits than their storage.
@@ -484,7 +492,7 @@ bool ConvolveDirect(const Window& in, const Prepared& p, const Target& out) {
       d.across(columns.data(), p.separable ? p.across.data() : level, tapRow,
                tap != nullptr ? tap->weight : 0.0, width, target);
     }
-    if (!in.allValid) MarkRow(validity, r, width, pixel, target, out);
+    if (!in.allValid) MarkRow(validity, r, pixel, target, out);
   }
   if (in.allValid) mask::Fill(out.mask, width * static_cast<std::size_t>(in.rows), true);
   return true;
@@ -598,7 +606,7 @@ void Convolve(const Window& in, const Prepared& prepared, const Target& out) {
     void* target =
         static_cast<std::uint8_t*>(out.values) + static_cast<std::size_t>(r) * width * pixel;
     store(sums.data(), width, target);
-    if (!in.allValid) MarkRow(validity, r, width, pixel, target, out);
+    if (!in.allValid) MarkRow(validity, r, pixel, target, out);
   }
   if (in.allValid) mask::Fill(out.mask, width * static_cast<std::size_t>(in.rows), true);
   ClampNarrowTypes(in, out);
