@@ -359,8 +359,22 @@ TEST(StatisticsFunction, LargeWindowsAndManyClassesMatchTheDefinition) {
     LONG columns, rows;
     int classes;
   } cases[] = {
-      {9, 1, 9, 11, 0}, {5, 2, 13, 6, 0}, {3, 5, 9, 9, 0}, {4, 5, 8, 5, 0},   {6, 5, 9, 9, 0},
-      {3, 6, 9, 9, 60}, {6, 7, 5, 5, 40}, {9, 6, 5, 5, 6}, {10, 3, 15, 3, 0}, {8, 4, 11, 11, 0},
+      {9, 1, 9, 11, 0},
+      {5, 2, 13, 6, 0},
+      {3, 5, 9, 9, 0},
+      {4, 5, 8, 5, 0},
+      {6, 5, 9, 9, 0},
+      {3, 6, 9, 9, 60},
+      {6, 7, 5, 5, 40},
+      {9, 6, 5, 5, 6},
+      {10, 3, 15, 3, 0},
+      {8, 4, 11, 11, 0},
+      // More classes than the class scan checks at once, signed and unsigned bytes; windows
+      // of 254 and 255 cells on either side of the 8-bit counts.
+      {3, 7, 5, 5, 12},
+      {4, 6, 7, 7, 10},
+      {3, 6, 127, 2, 5},
+      {3, 7, 17, 15, 5},
   };
   for (const auto& k : cases) {
     const Grid g =
