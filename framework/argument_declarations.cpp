@@ -21,9 +21,9 @@ std::mutex& Lock() {
   return lock;
 }
 // Keyed by the lower-case class name.
-std::map<std::string, FunctionSpec>& Specs() {
-  static std::map<std::string, FunctionSpec> specs;
-  return specs;
+std::map<std::string, FunctionDeclaration>& Declared() {
+  static std::map<std::string, FunctionDeclaration> decls;
+  return decls;
 }
 
 std::string Lower(std::string_view text) {
@@ -137,14 +137,14 @@ bool Matches(ArgumentKind kind, const Json& v) {
 }
 
 // "1 (degrees), 2 (percent rise)"; names given by the same value join: "1 (plus, +, add)".
-std::string ChoicesText(const ArgumentSpec& spec) {
+std::string ChoicesText(const ArgumentDeclaration& decl) {
   std::string text;
-  for (std::size_t i = 0; i < spec.choices.size();) {
-    const LONG value = spec.choices[i].value;
+  for (std::size_t i = 0; i < decl.choices.size();) {
+    const LONG value = decl.choices[i].value;
     std::string names;
-    for (; i < spec.choices.size() && spec.choices[i].value == value; ++i)
-      if (!spec.choices[i].name.empty())
-        names += (names.empty() ? "" : ", ") + std::string(spec.choices[i].name);
+    for (; i < decl.choices.size() && decl.choices[i].value == value; ++i)
+      if (!decl.choices[i].name.empty())
+        names += (names.empty() ? "" : ", ") + std::string(decl.choices[i].name);
     if (!text.empty()) text += ", ";
     text += std::to_string(value);
     if (!names.empty()) text += " (" + names + ")";
@@ -169,9 +169,9 @@ std::size_t Distance(std::string_view a, std::string_view b) {
   return row[b.size()];
 }
 
-HRESULT Fail(UINT id, const FunctionSpec& spec, std::string_view argument, const std::string& a,
-             const std::string& b = {}, const std::string& c = {}) {
-  return ReportError(E_INVALIDARG, res::FormatUtf8(id, std::string(spec.function),
+HRESULT Fail(UINT id, const FunctionDeclaration& decl, std::string_view argument,
+             const std::string& a, const std::string& b = {}, const std::string& c = {}) {
+  return ReportError(E_INVALIDARG, res::FormatUtf8(id, std::string(decl.function),
                                                    std::string(argument), a, b, c));
 }
 
@@ -219,14 +219,14 @@ std::string_view KindText(ArgumentKind kind) {
   return "a value";
 }
 
-std::string ArgumentSpec::Default() const {
+std::string ArgumentDeclaration::Default() const {
   if (!shown.empty()) return std::string(shown);
   if (kind == ArgumentKind::kBoolean) return number != 0 ? "true" : "false";
   return Shown(number);
 }
 
-const ArgumentSpec* FunctionSpec::Find(std::string_view name) const {
-  for (const ArgumentSpec& item : items) {
+const ArgumentDeclaration* FunctionDeclaration::Find(std::string_view name) const {
+  for (const ArgumentDeclaration& item : items) {
     if (EqualsNoCase(item.name, name)) return &item;
     for (std::string_view alias : item.aliases)
       if (EqualsNoCase(alias, name)) return &item;
@@ -234,50 +234,51 @@ const ArgumentSpec* FunctionSpec::Find(std::string_view name) const {
   return nullptr;
 }
 
-const ArgumentSpec* FunctionSpec::Find(std::u16string_view name) const {
+const ArgumentDeclaration* FunctionDeclaration::Find(std::u16string_view name) const {
   return Find(std::string_view(ToUtf8(name)));
 }
 
-bool RegisterFunctionSpec(const FunctionSpec& spec) {
+bool RegisterFunctionDeclaration(const FunctionDeclaration& decl) {
   std::lock_guard hold(Lock());
-  Specs()[Lower(spec.function)] = spec;
+  Declared()[Lower(decl.function)] = decl;
   return true;
 }
 
-const FunctionSpec* FindFunctionSpec(std::string_view function) {
+const FunctionDeclaration* FindFunctionDeclaration(std::string_view function) {
   std::lock_guard hold(Lock());
-  const auto it = Specs().find(Lower(Bare(function)));
-  return it == Specs().end() ? nullptr : &it->second;
+  const auto it = Declared().find(Lower(Bare(function)));
+  return it == Declared().end() ? nullptr : &it->second;
 }
 
-std::vector<const FunctionSpec*> FunctionSpecs() {
+std::vector<const FunctionDeclaration*> FunctionDeclarations() {
   std::lock_guard hold(Lock());
-  std::vector<const FunctionSpec*> all;
-  for (const auto& [key, spec] : Specs()) all.push_back(&spec);
+  std::vector<const FunctionDeclaration*> all;
+  for (const auto& [key, decl] : Declared()) all.push_back(&decl);
   return all;
 }
 
 std::string ResolveFunctionName(std::string_view name) {
   const std::string bare = Bare(name);
   for (const std::string& candidate : {bare, bare + "Function"})
-    if (const FunctionSpec* spec = FindFunctionSpec(candidate)) return std::string(spec->function);
+    if (const FunctionDeclaration* decl = FindFunctionDeclaration(candidate))
+      return std::string(decl->function);
   const std::string start = Lower(bare);
   std::string found;
-  for (const FunctionSpec* spec : FunctionSpecs()) {
-    if (start.empty() || Lower(spec->function).rfind(start, 0) != 0) continue;
+  for (const FunctionDeclaration* decl : FunctionDeclarations()) {
+    if (start.empty() || Lower(decl->function).rfind(start, 0) != 0) continue;
     if (!found.empty()) return {};  // more than one: ambiguous
-    found = std::string(spec->function);
+    found = std::string(decl->function);
   }
   return found;
 }
 
 std::string SuggestFunctionName(std::string_view name) {
   std::vector<std::string> names;
-  for (const FunctionSpec* spec : FunctionSpecs()) {
-    names.emplace_back(spec->function);
+  for (const FunctionDeclaration* decl : FunctionDeclarations()) {
+    names.emplace_back(decl->function);
     constexpr std::string_view kSuffix = "Function";
-    if (spec->function.ends_with(kSuffix))
-      names.emplace_back(spec->function.substr(0, spec->function.size() - kSuffix.size()));
+    if (decl->function.ends_with(kSuffix))
+      names.emplace_back(decl->function.substr(0, decl->function.size() - kSuffix.size()));
   }
   const std::string nearest = NearestName(Bare(name), {names.begin(), names.end()});
   const std::string full = ResolveFunctionName(nearest);
@@ -294,15 +295,15 @@ std::string NearestName(std::string_view given, const std::vector<std::string_vi
   return best;
 }
 
-std::optional<LONG> ChoiceValue(const ArgumentSpec& spec, const Json& value) {
+std::optional<LONG> ChoiceValue(const ArgumentDeclaration& decl, const Json& value) {
   if (IsInteger(value)) {
     const double v = value.get<double>();
     if (v < -2147483648.0 || v > 2147483647.0) return std::nullopt;
     return static_cast<LONG>(v);
   }
-  if (value.is_string() && spec.byName) {
+  if (value.is_string() && decl.byName) {
     const std::string& text = value.get_ref<const std::string&>();
-    for (const Choice& c : spec.choices)
+    for (const Choice& c : decl.choices)
       if (!c.name.empty() && EqualsNoCase(c.name, text)) return c.value;
     if (const auto code = [&]() -> std::optional<LONG> {
           char* end = nullptr;
@@ -315,32 +316,32 @@ std::optional<LONG> ChoiceValue(const ArgumentSpec& spec, const Json& value) {
   return std::nullopt;
 }
 
-HRESULT CheckArguments(const FunctionSpec& spec, const Json& arguments) {
+HRESULT CheckArguments(const FunctionDeclaration& decl, const Json& arguments) {
   if (!arguments.is_object())
-    return ReportError(E_INVALIDARG, std::string(spec.function) +
+    return ReportError(E_INVALIDARG, std::string(decl.function) +
                                          ": \"arguments\" must be an object; given " +
                                          Given(arguments));
   std::vector<std::string_view> known;
-  for (const ArgumentSpec& item : spec.items) known.push_back(item.name);
+  for (const ArgumentDeclaration& item : decl.items) known.push_back(item.name);
   for (const auto& [key, value] : arguments.items()) {
     if (key == "type") {
       if (!value.is_string())
-        return Fail(res::IDS_ARGUMENT_KIND, spec, key, "the name of an arguments class",
+        return Fail(res::IDS_ARGUMENT_KIND, decl, key, "the name of an arguments class",
                     Given(value));
       continue;
     }
-    const ArgumentSpec* item = spec.Find(std::string_view(key));
+    const ArgumentDeclaration* item = decl.Find(std::string_view(key));
     if (item == nullptr) {
       const std::string nearest = NearestName(key, known);
       std::string all;
       for (std::string_view name : known) all += (all.empty() ? "" : ", ") + std::string(name);
-      return Fail(res::IDS_ARGUMENT_UNKNOWN, spec, key,
+      return Fail(res::IDS_ARGUMENT_UNKNOWN, decl, key,
                   nearest.empty() ? std::string() : res::FormatUtf8(res::IDS_DID_YOU_MEAN, nearest),
                   all);
     }
     const bool named = item->byName && value.is_string();
     if (!named && !Matches(item->kind, value))
-      return Fail(res::IDS_ARGUMENT_KIND, spec, item->name, std::string(KindText(item->kind)),
+      return Fail(res::IDS_ARGUMENT_KIND, decl, item->name, std::string(KindText(item->kind)),
                   Given(value));
     if (!item->choices.empty()) {
       const std::optional<LONG> chosen = ChoiceValue(*item, value);
@@ -348,7 +349,7 @@ HRESULT CheckArguments(const FunctionSpec& spec, const Json& arguments) {
           chosen && std::any_of(item->choices.begin(), item->choices.end(),
                                 [&](const Choice& c) { return c.value == *chosen; });
       if (!allowed)
-        return Fail(res::IDS_ARGUMENT_CHOICE, spec, item->name, ChoicesText(*item), Given(value));
+        return Fail(res::IDS_ARGUMENT_CHOICE, decl, item->name, ChoicesText(*item), Given(value));
     }
     const auto inRange = [&](const Json& v) {
       return !v.is_number() ||
@@ -357,24 +358,24 @@ HRESULT CheckArguments(const FunctionSpec& spec, const Json& arguments) {
     const bool ranged =
         value.is_array() ? std::all_of(value.begin(), value.end(), inRange) : inRange(value);
     if (!ranged)
-      return Fail(res::IDS_ARGUMENT_RANGE, spec, item->name, Shown(item->minimum),
+      return Fail(res::IDS_ARGUMENT_RANGE, decl, item->name, Shown(item->minimum),
                   Shown(item->maximum), Given(value));
   }
-  for (const ArgumentSpec& item : spec.items) {
+  for (const ArgumentDeclaration& item : decl.items) {
     if (!item.Required()) continue;
     bool given = false;
     for (const auto& [key, value] : arguments.items())
-      if (spec.Find(std::string_view(key)) == &item) given = true;
-    if (!given) return Fail(res::IDS_ARGUMENT_REQUIRED, spec, item.name, {});
+      if (decl.Find(std::string_view(key)) == &item) given = true;
+    if (!given) return Fail(res::IDS_ARGUMENT_REQUIRED, decl, item.name, {});
   }
   return S_OK;
 }
 
-std::string DescribeArguments(const FunctionSpec& spec) {
+std::string DescribeArguments(const FunctionDeclaration& decl) {
   std::string out;
   std::size_t width = 0;
-  for (const ArgumentSpec& item : spec.items) width = std::max(width, item.name.size());
-  for (const ArgumentSpec& item : spec.items) {
+  for (const ArgumentDeclaration& item : decl.items) width = std::max(width, item.name.size());
+  for (const ArgumentDeclaration& item : decl.items) {
     out += "  " + std::string(item.name) + std::string(width + 2 - item.name.size(), ' ');
     out += std::string(KindText(item.kind));
     out += item.Required() ? ", required" : ", default " + item.Default();
@@ -394,9 +395,9 @@ std::string DescribeArguments(const FunctionSpec& spec) {
   return out;
 }
 
-std::string ArgumentsTable(const FunctionSpec& spec) {
+std::string ArgumentsTable(const FunctionDeclaration& decl) {
   std::string out = "| Argument | Kind | Default | Allowed | Meaning |\n|---|---|---|---|---|\n";
-  for (const ArgumentSpec& item : spec.items) {
+  for (const ArgumentDeclaration& item : decl.items) {
     std::string allowed = ChoicesText(item);
     if (std::isfinite(item.minimum) || std::isfinite(item.maximum))
       allowed = Shown(item.minimum) + " to " + Shown(item.maximum);
@@ -449,9 +450,9 @@ Resolver ResolverOf(ArgumentKind kind) {
 
 }  // namespace
 
-void ResolveDeclared(std::span<const ArgumentSpec> items, IRasterFunctionArguments* arguments,
-                     IRow* row, IPropertySet* properties) {
-  for (const ArgumentSpec& item : items)
+void ResolveDeclared(std::span<const ArgumentDeclaration> items,
+                     IRasterFunctionArguments* arguments, IRow* row, IPropertySet* properties) {
+  for (const ArgumentDeclaration& item : items)
     if (const Resolver resolve = item.resolved ? ResolverOf(item.kind) : nullptr)
       resolve(arguments, Bstr(std::string_view(item.name)).Get(), row, properties);
 }

@@ -48,7 +48,7 @@ struct Choice {
   std::string_view name;
 };
 
-struct ArgumentSpec {
+struct ArgumentDeclaration {
   std::string_view name;
   ArgumentKind kind;
   // The value an absent argument takes, as a number (integers and booleans too) and as
@@ -68,26 +68,26 @@ struct ArgumentSpec {
   std::string Default() const;
 
   // Copies with aliases, a set of allowed values, or a range.
-  constexpr ArgumentSpec Also(std::span<const std::string_view> names) const {
-    ArgumentSpec copy = *this;
+  constexpr ArgumentDeclaration Also(std::span<const std::string_view> names) const {
+    ArgumentDeclaration copy = *this;
     copy.aliases = names;
     return copy;
   }
-  constexpr ArgumentSpec OneOf(std::span<const Choice> allowed, bool names = false) const {
-    ArgumentSpec copy = *this;
+  constexpr ArgumentDeclaration OneOf(std::span<const Choice> allowed, bool names = false) const {
+    ArgumentDeclaration copy = *this;
     copy.choices = allowed;
     copy.byName = names;
     return copy;
   }
-  constexpr ArgumentSpec Between(double low, double high) const {
-    ArgumentSpec copy = *this;
+  constexpr ArgumentDeclaration Between(double low, double high) const {
+    ArgumentDeclaration copy = *this;
     copy.minimum = low;
     copy.maximum = high;
     return copy;
   }
   // A copy that `Resolve` leaves as it is.
-  constexpr ArgumentSpec Unresolved() const {
-    ArgumentSpec copy = *this;
+  constexpr ArgumentDeclaration Unresolved() const {
+    ArgumentDeclaration copy = *this;
     copy.resolved = false;
     return copy;
   }
@@ -95,31 +95,32 @@ struct ArgumentSpec {
 
 // The declared default of `name` (as a number: booleans give 0 or 1), found while
 // compiling: a name the declaration lacks does not compile.
-consteval double Default(std::span<const ArgumentSpec> items, std::string_view name) {
-  for (const ArgumentSpec& item : items)
+consteval double Default(std::span<const ArgumentDeclaration> items, std::string_view name) {
+  for (const ArgumentDeclaration& item : items)
     if (item.name == name) return item.number;
   throw "the argument is not declared";
 }
 
 // Declarations in one line each.
-constexpr ArgumentSpec Required(std::string_view name, ArgumentKind kind, std::string_view help) {
+constexpr ArgumentDeclaration Required(std::string_view name, ArgumentKind kind,
+                                       std::string_view help) {
   return {.name = name, .kind = kind, .number = 0, .shown = "required", .help = help};
 }
-constexpr ArgumentSpec Optional(std::string_view name, ArgumentKind kind, std::string_view shown,
-                                std::string_view help) {
+constexpr ArgumentDeclaration Optional(std::string_view name, ArgumentKind kind,
+                                       std::string_view shown, std::string_view help) {
   return {.name = name, .kind = kind, .number = 0, .shown = shown, .help = help};
 }
-constexpr ArgumentSpec Number(std::string_view name, double value, std::string_view help) {
+constexpr ArgumentDeclaration Number(std::string_view name, double value, std::string_view help) {
   return {.name = name, .kind = ArgumentKind::kNumber, .number = value, .shown = "", .help = help};
 }
-constexpr ArgumentSpec Integer(std::string_view name, LONG value, std::string_view help) {
+constexpr ArgumentDeclaration Integer(std::string_view name, LONG value, std::string_view help) {
   return {.name = name,
           .kind = ArgumentKind::kInteger,
           .number = static_cast<double>(value),
           .shown = "",
           .help = help};
 }
-constexpr ArgumentSpec Boolean(std::string_view name, bool value, std::string_view help) {
+constexpr ArgumentDeclaration Boolean(std::string_view name, bool value, std::string_view help) {
   return {.name = name,
           .kind = ArgumentKind::kBoolean,
           .number = value ? 1.0 : 0.0,
@@ -127,22 +128,22 @@ constexpr ArgumentSpec Boolean(std::string_view name, bool value, std::string_vi
           .help = help};
 }
 
-struct FunctionSpec {
+struct FunctionDeclaration {
   std::string_view function;   // the class name, "SlopeFunction"
   std::string_view arguments;  // its arguments class, "SlopeFunctionArguments"
-  std::span<const ArgumentSpec> items;
+  std::span<const ArgumentDeclaration> items;
 
-  const ArgumentSpec* Find(std::u16string_view name) const;  // by name or alias, any case
-  const ArgumentSpec* Find(std::string_view name) const;
+  const ArgumentDeclaration* Find(std::u16string_view name) const;  // by name or alias, any case
+  const ArgumentDeclaration* Find(std::string_view name) const;
 };
 
 // The functions of this build register their declarations when the library loads.
-bool RegisterFunctionSpec(const FunctionSpec& spec);
+bool RegisterFunctionDeclaration(const FunctionDeclaration& decl);
 // A function's declaration by class name or programmatic identifier (any case); null for
 // a function without one.
-const FunctionSpec* FindFunctionSpec(std::string_view function);
+const FunctionDeclaration* FindFunctionDeclaration(std::string_view function);
 // Every declaration, in the order of their class names.
-std::vector<const FunctionSpec*> FunctionSpecs();
+std::vector<const FunctionDeclaration*> FunctionDeclarations();
 
 // The function a short or any-case name means among the declared functions: "slope",
 // "Slope", "slopefunction" and "quarnDataSourcesRaster.SlopeFunction" all give
@@ -161,26 +162,26 @@ std::string NearestName(std::string_view given, const std::vector<std::string_vi
 // Checks a chain's "arguments" object against the declaration: every member is a declared
 // argument (or an alias, or "type"), of its kind, inside its set or range. Fails with
 // E_INVALIDARG and a message naming the argument, what was expected and what was given.
-HRESULT CheckArguments(const FunctionSpec& spec, const persist::Json& arguments);
+HRESULT CheckArguments(const FunctionDeclaration& decl, const persist::Json& arguments);
 
 // The integer a choice argument was given as (a number, or a choice's name in any case);
 // nullopt for anything else.
-std::optional<LONG> ChoiceValue(const ArgumentSpec& spec, const persist::Json& value);
+std::optional<LONG> ChoiceValue(const ArgumentDeclaration& decl, const persist::Json& value);
 
 // A declaration as text: one line per argument with its kind, default, allowed values and
 // help (`pixwerk functions NAME`), or as a Markdown table (docs/functions.md).
-std::string DescribeArguments(const FunctionSpec& spec);
-std::string ArgumentsTable(const FunctionSpec& spec);
+std::string DescribeArguments(const FunctionDeclaration& decl);
+std::string ArgumentsTable(const FunctionDeclaration& decl);
 
 // Resolves every declared argument of `arguments` against a row and a property set by its
 // kind (datasets, numbers, texts and their arrays), in declaration order; arguments declared
 // Unresolved() stay as they are.
-void ResolveDeclared(std::span<const ArgumentSpec> items, IRasterFunctionArguments* arguments,
-                     IRow* row, IPropertySet* properties);
+void ResolveDeclared(std::span<const ArgumentDeclaration> items,
+                     IRasterFunctionArguments* arguments, IRow* row, IPropertySet* properties);
 
 }  // namespace pw::framework
 
 // Registers a function's declaration: PW_DECLARE_ARGUMENTS(SlopeFunction, kSlopeArguments).
-#define PW_DECLARE_ARGUMENTS(Function, ArgumentsClass, Items)                       \
-  static const bool pw_declared_##Function = ::pw::framework::RegisterFunctionSpec( \
-      ::pw::framework::FunctionSpec{#Function, #ArgumentsClass, Items})
+#define PW_DECLARE_ARGUMENTS(Function, ArgumentsClass, Items)                              \
+  static const bool pw_declared_##Function = ::pw::framework::RegisterFunctionDeclaration( \
+      ::pw::framework::FunctionDeclaration{#Function, #ArgumentsClass, Items})

@@ -164,8 +164,8 @@ HRESULT LoadChainAt(const Json& chain, const fs::path& base, int depth,
     const Json* argumentsJson = &kNoArguments;
     if (const auto it = chain.find("arguments"); it != chain.end()) argumentsJson = &*it;
     const Json& arguments = *argumentsJson;
-    if (const FunctionSpec* spec = FindFunctionSpec(functionName)) {
-      PW_RETURN_IF_FAILED(CheckArguments(*spec, arguments));
+    if (const FunctionDeclaration* decl = FindFunctionDeclaration(functionName)) {
+      PW_RETURN_IF_FAILED(CheckArguments(*decl, arguments));
     } else if (!arguments.is_object()) {
       return ReportError(E_INVALIDARG, std::string_view("\"arguments\" must be an object"));
     }

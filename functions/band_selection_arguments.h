@@ -6,10 +6,10 @@
 namespace pw::functions {
 
 inline constexpr framework::Choice kMissingBandActions[] = {{0, "leave the band out"}, {1, "fail"}};
-inline constexpr framework::ArgumentSpec kMissingBandAction =
+inline constexpr framework::ArgumentDeclaration kMissingBandAction =
     framework::Integer("MissingBandAction", 0, "what a band that is not found does")
         .OneOf(kMissingBandActions);
-inline constexpr framework::ArgumentSpec kWavelengthMatchTolerance =
+inline constexpr framework::ArgumentDeclaration kWavelengthMatchTolerance =
     framework::Number("WavelengthMatchTolerance", 60,
                       "the largest wavelength difference (nanometres) that still matches")
         .Between(0, std::numeric_limits<double>::infinity());

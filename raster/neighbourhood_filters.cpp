@@ -28,12 +28,12 @@ class ConvolutionFilter : public IRasterFilter, public IRasterConvolutionFilter 
     const std::shared_ptr<const convolution::Prepared> kernel = kernel_;
     if (type_ == 255) return source->ReadAt(column, row, output);
     if (!kernel) return E_UNEXPECTED;
-    WindowShape spec;
-    spec.margins = convolution::MarginsOf(kernel->kernel);
-    spec.edges = mirror_ ? EdgeMode::kMirror : EdgeMode::kInvalid;
+    WindowShape windowShape;
+    windowShape.margins = convolution::MarginsOf(kernel->kernel);
+    windowShape.edges = mirror_ ? EdgeMode::kMirror : EdgeMode::kInvalid;
     return Guard([&] {
       return neighbourhood::FilterBlock(
-          source, column, row, output, spec,
+          source, column, row, output, windowShape,
           [&](const neighbourhood::Window& in, const neighbourhood::Target& out) {
             convolution::Convolve(in, *kernel, out);
           });
@@ -103,14 +103,14 @@ class FocalStatisticsFilter : public IRasterFilter, public IFocalStatisticsFilte
   HRESULT STDMETHODCALLTYPE Filter(IRaster* source, LONG column, LONG row,
                                    IPixelBlock* output) override {
     if (source == nullptr || output == nullptr) return E_POINTER;
-    WindowShape spec;
-    spec.margins = Margins::Window(columns_, rows_);
-    spec.edges = EdgeMode::kInvalid;
+    WindowShape windowShape;
+    windowShape.margins = Margins::Window(columns_, rows_);
+    windowShape.edges = EdgeMode::kInvalid;
     const auto statistic = static_cast<focal::Statistic>(statistic_);
     const bool fill = fill_;
     return Guard([&] {
       return neighbourhood::FilterBlock(
-          source, column, row, output, spec,
+          source, column, row, output, windowShape,
           [&](const neighbourhood::Window& in, const neighbourhood::Target& out) {
             focal::Compute(in, statistic, fill, out);
           });

@@ -15,7 +15,7 @@ PW_REGISTER_CLASS(CompositeBandFunctionArguments);
 
 namespace {
 constexpr std::string_view kRastersAliases[] = {"Raster[]"};
-constexpr framework::ArgumentSpec kArguments[] = {
+constexpr framework::ArgumentDeclaration kArguments[] = {
     framework::Required("Rasters", framework::ArgumentKind::kRasters,
                         "the inputs, whose bands are stacked in order")
         .Also(kRastersAliases),

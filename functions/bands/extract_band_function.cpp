@@ -21,7 +21,7 @@ using framework::ArgumentKind;
 constexpr std::string_view kBandIdAliases[] = {"_BANDID_"};
 constexpr framework::Choice kMethods[] = {
     {-1, "automatic"}, {0, "names"}, {1, "wavelengths"}, {2, "band positions"}};
-constexpr framework::ArgumentSpec kArguments[] = {
+constexpr framework::ArgumentDeclaration kArguments[] = {
     framework::Required("Raster", ArgumentKind::kRaster, "the input"),
     framework::Optional("BandIDs", ArgumentKind::kIntegers, "every band",
                         "the bands to keep, from 0, in output order")

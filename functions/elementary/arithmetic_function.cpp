@@ -53,7 +53,7 @@ constexpr framework::Choice kExtentTypes[] = {
     {0, "first input"}, {1, "intersection"}, {2, "union"}, {3, "last input"}};
 constexpr framework::Choice kCellsizeTypes[] = {
     {0, "first input"}, {1, "smallest"}, {2, "largest"}, {3, "mean"}, {4, "last input"}};
-constexpr framework::ArgumentSpec kArguments[] = {
+constexpr framework::ArgumentDeclaration kArguments[] = {
     framework::Required("Raster", ArgumentKind::kRasterOrNumbers,
                         "the first operand: a raster, or constants (one per band, the last "
                         "repeats)"),

@@ -24,7 +24,7 @@ PW_REGISTER_CLASS(ConstantFunctionArguments);
 namespace {
 using framework::ArgumentKind;
 constexpr framework::Choice kMethods[] = {{0, "constant"}, {1, "checkerboard"}};
-constexpr framework::ArgumentSpec kArguments[] = {
+constexpr framework::ArgumentDeclaration kArguments[] = {
     framework::Required("RasterInfo", ArgumentKind::kRasterInfo,
                         "the raster to make: extent, cell size, pixel type, band count, no-data"),
     framework::Optional("Constant", ArgumentKind::kNumberOrNumbers, "none",

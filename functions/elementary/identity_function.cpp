@@ -14,7 +14,7 @@ PW_REGISTER_CLASS(IdentityFunction);
 
 namespace {
 using framework::ArgumentKind;
-constexpr framework::ArgumentSpec kArguments[] = {
+constexpr framework::ArgumentDeclaration kArguments[] = {
     framework::Required("Raster", ArgumentKind::kRaster, "the raster passed through unchanged"),
     framework::Optional("Extent", ArgumentKind::kEnvelope, "the input's",
                         "limits the output to this extent, snapped outward to whole cells"),

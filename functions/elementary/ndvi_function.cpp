@@ -24,7 +24,7 @@ PW_REGISTER_CLASS(NDVIFunctionArguments);
 
 namespace {
 using framework::ArgumentKind;
-constexpr framework::ArgumentSpec kArguments[] = {
+constexpr framework::ArgumentDeclaration kArguments[] = {
     framework::Required("Raster", ArgumentKind::kRaster, "the multiband input"),
     framework::Integer("VisibleBandID", -1, "the red band, from 0 (-1: not given)"),
     framework::Integer("InfraredBandID", -1, "the near-infrared band, from 0 (-1: not given)"),

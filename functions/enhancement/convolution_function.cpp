@@ -46,7 +46,7 @@ constexpr framework::Choice kTypes[] = {{-1, "UserDefined"},
                                         {20, "Sharpen2"},
                                         {21, "PointSpread"},
                                         {255, "None"}};
-constexpr framework::ArgumentSpec kArguments[] = {
+constexpr framework::ArgumentDeclaration kArguments[] = {
     framework::Required("Raster", ArgumentKind::kRaster, "the input"),
     framework::Integer("Type", 19,
                        "the kernel, by code or name: a built-in one (docs/functions.md lists "

@@ -20,7 +20,7 @@ PW_REGISTER_CLASS(MaskFunctionArguments);
 namespace {
 using framework::ArgumentKind;
 constexpr std::string_view kRangeAliases[] = {"IncludeRanges"};
-constexpr framework::ArgumentSpec kArguments[] = {
+constexpr framework::ArgumentDeclaration kArguments[] = {
     framework::Required("Raster", ArgumentKind::kRaster, "the input"),
     framework::Optional("NoDataValues", ArgumentKind::kTexts, "none",
                         "per band, the values to mask separated by blanks (\"0 255\"); later "

@@ -29,7 +29,7 @@ namespace zones = raster::zones;
 namespace {
 using framework::ArgumentKind;
 constexpr framework::Choice kTableTypes[] = {{0, "values"}, {1, "values"}, {4, "description"}};
-constexpr framework::ArgumentSpec kArguments[] = {
+constexpr framework::ArgumentDeclaration kArguments[] = {
     framework::Required("Raster", ArgumentKind::kRaster, "the input"),
     framework::Optional("InputRanges", ArgumentKind::kNumbers, "none",
                         "pairs low, high, one an output value: low <= v < high, or v = low "

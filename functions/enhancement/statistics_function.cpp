@@ -25,7 +25,7 @@ constexpr std::string_view kRowAliases[] = {"KernelRows"};
 constexpr framework::Choice kStatistics[] = {
     {1, "Min"},    {2, "Max"},      {3, "Mean"},    {4, "StandardDeviation"},
     {5, "Median"}, {6, "Majority"}, {7, "Minority"}};
-constexpr framework::ArgumentSpec kArguments[] = {
+constexpr framework::ArgumentDeclaration kArguments[] = {
     framework::Required("Raster", ArgumentKind::kRaster, "the input"),
     framework::Integer("Type", 3, "the statistic, by code or name (any case)")
         .OneOf(kStatistics, true)
@@ -99,7 +99,7 @@ HRESULT StatisticsFunctionArguments::ReadJson(const persist::Json& json) {
     const char* name;
     const char* older;
     std::u16string_view stored, olderStored;
-    const framework::ArgumentSpec& spec;
+    const framework::ArgumentDeclaration& decl;
   };
   const Key keys[] = {{"Type", "StatisticsType", u"Type", u"StatisticsType", kArguments[1]},
                       {"Columns", "KernelColumns", u"Columns", u"KernelColumns", kArguments[2]},
@@ -109,7 +109,7 @@ HRESULT StatisticsFunctionArguments::ReadJson(const persist::Json& json) {
     auto it = json.find(key.name);
     if (it == json.end()) it = json.find(key.older);
     if (it == json.end()) continue;
-    const std::optional<LONG> value = framework::ChoiceValue(key.spec, *it);
+    const std::optional<LONG> value = framework::ChoiceValue(key.decl, *it);
     if (!value) continue;
     PutLong(key.stored, *value);
     done.push_back(key.stored);

@@ -34,7 +34,7 @@ constexpr framework::Choice kTypes[] = {
     {5, "MinimumMaximum"}, {6, "PercentClip"},       {9, "Sigmoid"},
 };
 constexpr std::string_view kDeviationAliases[] = {"NumberOfStandardDeviation"};
-constexpr framework::ArgumentSpec kArguments[] = {
+constexpr framework::ArgumentDeclaration kArguments[] = {
     framework::Required("Raster", ArgumentKind::kRaster, "the input"),
     framework::Integer("StretchType", 6,
                        "0: none (gamma alone); 3: mean -/+ n standard deviations; 4: as 6; "

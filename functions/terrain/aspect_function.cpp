@@ -16,7 +16,7 @@ PW_REGISTER_CLASS(AspectFunction);
 
 namespace {
 constexpr std::string_view kRasterAliases[] = {"DEM", "$$RasterValue"};
-constexpr framework::ArgumentSpec kArguments[] = {
+constexpr framework::ArgumentDeclaration kArguments[] = {
     framework::Required("Raster", framework::ArgumentKind::kRaster, "the elevation raster")
         .Also(kRasterAliases),
     terrain::kAnalysisTargetDevice,

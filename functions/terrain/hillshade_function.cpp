@@ -18,7 +18,7 @@ namespace {
 constexpr framework::Choice kSlopeTypes[] = {
     {1, "the plain z-factor"}, {2, "the plain z-factor"}, {3, "the power-scaled z-factor"}};
 constexpr framework::Choice kHillshadeTypes[] = {{0, "one sun"}, {1, "six fixed lights"}};
-constexpr framework::ArgumentSpec kArguments[] = {
+constexpr framework::ArgumentDeclaration kArguments[] = {
     terrain::kDem,
     framework::Number("Azimuth", 315, "the sun's direction in degrees clockwise from north"),
     framework::Number("Altitude", 45, "the sun's angle above the horizon in degrees")

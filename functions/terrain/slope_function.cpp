@@ -18,7 +18,7 @@ PW_REGISTER_CLASS(SlopeFunctionArguments);
 namespace {
 constexpr framework::Choice kSlopeTypes[] = {
     {1, "degrees"}, {2, "percent rise"}, {3, "degrees with the power-scaled z-factor"}};
-constexpr framework::ArgumentSpec kArguments[] = {
+constexpr framework::ArgumentDeclaration kArguments[] = {
     terrain::kDem,
     terrain::kZFactor,
     framework::Integer("SlopeType", 1, "the kind of slope").OneOf(kSlopeTypes),

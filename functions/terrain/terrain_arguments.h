@@ -11,25 +11,25 @@ namespace pw::functions {
 // The declarations of the arguments the terrain functions share.
 namespace terrain {
 inline constexpr std::string_view kDemAliases[] = {"Raster"};
-inline constexpr framework::ArgumentSpec kDem =
+inline constexpr framework::ArgumentDeclaration kDem =
     framework::Required("DEM", framework::ArgumentKind::kRaster, "the elevation raster")
         .Also(kDemAliases);
-inline constexpr framework::ArgumentSpec kZFactor =
+inline constexpr framework::ArgumentDeclaration kZFactor =
     framework::Number("ZFactor", 1, "vertical exaggeration and unit conversion");
-inline constexpr framework::ArgumentSpec kPSPower =
+inline constexpr framework::ArgumentDeclaration kPSPower =
     framework::Number("PSPower", 0.664, "slope type 3: the power of the cell size in the z-factor");
-inline constexpr framework::ArgumentSpec kPSZFactor =
+inline constexpr framework::ArgumentDeclaration kPSZFactor =
     framework::Number("PSZFactor", 0.024, "slope type 3: the multiplier of the powered cell size");
-inline constexpr framework::ArgumentSpec kRemoveEdgeEffect = framework::Boolean(
+inline constexpr framework::ArgumentDeclaration kRemoveEdgeEffect = framework::Boolean(
     "RemoveEdgeEffect", false, "true: edge cells are computed from the nearest edge cell repeated");
 inline constexpr framework::Choice kDevices[] = {
     {1, "the GPU when there is one, else the CPU"}, {2, "the CPU"}, {3, "the GPU only"}};
-inline constexpr framework::ArgumentSpec kAnalysisTargetDevice =
+inline constexpr framework::ArgumentDeclaration kAnalysisTargetDevice =
     framework::Integer("AnalysisTargetDevice", 1,
                        "where the surface is computed (this build has the CPU only)")
         .OneOf(kDevices)
         .Unresolved();
-inline constexpr framework::ArgumentSpec kDeviceId =
+inline constexpr framework::ArgumentDeclaration kDeviceId =
     framework::Integer("DeviceId", -1, "the GPU device (-1: the service's choice)").Unresolved();
 }  // namespace terrain
 

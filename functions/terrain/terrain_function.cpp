@@ -103,16 +103,16 @@ HRESULT TerrainFunction::ReadImpl(LONG column, LONG row, IPixelBlock* block) {
   if (shape.width < 1 || shape.height < 1) return S_OK;
   // The window engine reads each band of rows with its one-cell margins just before it is
   // computed, so that the input is still in the processor's cache when the engine reads it.
-  raster::WindowShape spec;
-  spec.margins = raster::Margins::Radius(1);
-  spec.edges = removeEdgeEffect_ ? raster::EdgeMode::kExtend : raster::EdgeMode::kInvalid;
-  spec.pixelType = inputType_;
-  spec.bands = 1;
-  spec.bandBytes = kBandBytes;
+  raster::WindowShape windowShape;
+  windowShape.margins = raster::Margins::Radius(1);
+  windowShape.edges = removeEdgeEffect_ ? raster::EdgeMode::kExtend : raster::EdgeMode::kInvalid;
+  windowShape.pixelType = inputType_;
+  windowShape.bands = 1;
+  windowShape.bandBytes = kBandBytes;
   const std::size_t outPixel = raster::PixelSize(outputType_);
   const terrain::Surface surface = SurfaceOf();
   return raster::ForEachWindowRows(
-      dem_.Get(), column, row, shape.width, shape.height, spec,
+      dem_.Get(), column, row, shape.width, shape.height, windowShape,
       [&](const raster::WindowRows& rows) -> HRESULT {
         const std::size_t cells =
             static_cast<std::size_t>(rows.firstRow) * static_cast<std::size_t>(rows.width);

@@ -196,13 +196,13 @@ class Chain:
 
     # --- travel ---------------------------------------------------------------------------
 
-    def spec(self):
+    def recipe(self):
         """What rebinds this chain in another process: a small picklable tuple."""
         return (self._template, self._base, tuple(sorted(self._variables.items())),
                 tuple(sorted(self._arrays.items())))
 
     def __reduce__(self):
-        return (_rebuild_chain, self.spec())
+        return (_rebuild_chain, self.recipe())
 
 
 def _rebuild_chain(template, base, variables, arrays):
@@ -213,14 +213,14 @@ _bound = {}
 _bound_lock = threading.Lock()
 
 
-def bound(spec):
-    """The chain of `spec`, bound once per process and kept for later tasks."""
-    template, base, variables, arrays = spec
+def bound(recipe):
+    """The chain of `recipe`, bound once per process and kept for later tasks."""
+    template, base, variables, arrays = recipe
     key = (template, base, variables, tuple((k, a._token) for k, a in arrays))
     with _bound_lock:
         chain = _bound.get(key)
     if chain is None:
-        chain = _rebuild_chain(*spec)
+        chain = _rebuild_chain(*recipe)
         with _bound_lock:
             chain = _bound.setdefault(key, chain)
     return chain

@@ -1,6 +1,6 @@
 """Chains as Dask arrays and xarray DataArrays, and exports through a Dask cluster.
 
-A chain travels to the workers as its spec (the JSON, its base folder and placeholder
+A chain travels to the workers as its recipe (the JSON, its base folder and placeholder
 values); each worker process binds it once and reads the windows of its tasks, so a task
 graph stays small and picklable. The same code runs on the threaded scheduler, on a
 `distributed.LocalCluster` of processes and on a cluster reached by its scheduler's address.
@@ -42,10 +42,10 @@ def _chunking(chain, chunks):
     return _sizes(chain.height, rows), _sizes(chain.width, columns)
 
 
-def _read(spec, column, row, width, height, mode):
-    """One chunk of the chain of `spec`: masked, raw values, or NaN where invalid."""
+def _read(recipe, column, row, width, height, mode):
+    """One chunk of the chain of `recipe`: masked, raw values, or NaN where invalid."""
     # One thread: the scheduler runs tasks in parallel itself.
-    values, valid = _chain.bound(spec)._core.read(column, row, width, height, 1)
+    values, valid = _chain.bound(recipe)._core.read(column, row, width, height, 1)
     if mode == "masked":
         return np.ma.MaskedArray(values, mask=~valid, fill_value=0)
     if mode == "nan":
@@ -60,15 +60,15 @@ def _array(chain, chunks, mode, dtype):
     from dask.base import tokenize
 
     rows, columns = _chunking(chain, chunks)
-    spec = chain.spec()
-    key = (spec[0], spec[1], spec[2], tuple((k, a._token) for k, a in spec[3]))
+    recipe = chain.recipe()
+    key = (recipe[0], recipe[1], recipe[2], tuple((k, a._token) for k, a in recipe[3]))
     name = "pixwerk-" + tokenize(key, rows, columns, mode)
     graph = {}
     top = 0
     for i, height in enumerate(rows):
         left = 0
         for j, width in enumerate(columns):
-            graph[(name, 0, i, j)] = (_read, spec, left, top, width, height, mode)
+            graph[(name, 0, i, j)] = (_read, recipe, left, top, width, height, mode)
             left += width
         top += height
     empty = np.empty((0, 0, 0), dtype)
@@ -140,9 +140,9 @@ def _strip_nodata(chain, nodata):
     return None
 
 
-def _write_strip(spec, path, row, height, nodata):
-    """One strip of rows of the chain of `spec` to its own tiled GeoTIFF."""
-    chain = _chain.bound(spec)
+def _write_strip(recipe, path, row, height, nodata):
+    """One strip of rows of the chain of `recipe` to its own tiled GeoTIFF."""
+    chain = _chain.bound(recipe)
     chain._core.export_window(path, 0, row, chain.width, height, "GTiff",
                               ["TILED=YES", "COMPRESS=NONE"], 1, nodata)
     return path
@@ -242,14 +242,14 @@ def export(chain, path, client=None, format=None, options=(), strip_rows=None, n
         if os.path.exists(folder):
             shutil.rmtree(folder)
         os.makedirs(folder)
-    spec = chain.spec()
+    recipe = chain.recipe()
     try:
         futures, strips = [], []
         for i, row in enumerate(range(0, chain.height, strip_rows)):
             height = min(strip_rows, chain.height - row)
             strip = os.path.join(folder, f"strip_{i:05d}.tif")
             strips.append((strip, row, height))
-            futures.append(client.submit(_write_strip, spec, strip, row, height, value,
+            futures.append(client.submit(_write_strip, recipe, strip, row, height, value,
                                          pure=False))
         done = 0
         for future in as_completed(futures):

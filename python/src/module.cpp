@@ -411,14 +411,14 @@ std::string FunctionText(std::string_view className, bool description) {
 
 py::list Functions() {
   py::list out;
-  for (const pw::framework::FunctionSpec* spec : pw::framework::FunctionSpecs()) {
+  for (const pw::framework::FunctionDeclaration* decl : pw::framework::FunctionDeclarations()) {
     py::dict function;
-    function["name"] = std::string(spec->function);
-    function["arguments_class"] = std::string(spec->arguments);
-    function["display_name"] = FunctionText(spec->function, false);
-    function["description"] = FunctionText(spec->function, true);
+    function["name"] = std::string(decl->function);
+    function["arguments_class"] = std::string(decl->arguments);
+    function["display_name"] = FunctionText(decl->function, false);
+    function["description"] = FunctionText(decl->function, true);
     py::list arguments;
-    for (const pw::framework::ArgumentSpec& item : spec->items) {
+    for (const pw::framework::ArgumentDeclaration& item : decl->items) {
       py::dict a;
       a["name"] = std::string(item.name);
       a["kind"] = std::string(pw::framework::KindText(item.kind));

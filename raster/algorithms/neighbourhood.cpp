@@ -20,11 +20,12 @@ namespace {
 constexpr LONG kStripRows = 32;
 
 HRESULT RunRows(IRaster* source, LONG column, LONG row, LONG width, LONG firstRow, LONG rows,
-                const BlockShape& shape, IPixelBlock* output, const WindowShape& spec,
+                const BlockShape& shape, IPixelBlock* output, const WindowShape& windowShape,
                 const BandFn& band) {
   const std::size_t pixel = PixelSize(shape.pixelType);
   return ForEachWindowRows(
-      source, column, row + firstRow, width, rows, spec, [&](const WindowRows& w) -> HRESULT {
+      source, column, row + firstRow, width, rows, windowShape,
+      [&](const WindowRows& w) -> HRESULT {
         const std::size_t first =
             static_cast<std::size_t>(firstRow + w.firstRow) * static_cast<std::size_t>(width);
         const std::size_t cells =
@@ -49,19 +50,20 @@ HRESULT RunRows(IRaster* source, LONG column, LONG row, LONG width, LONG firstRo
 
 }  // namespace
 
-HRESULT FilterBlock(IRaster* source, LONG column, LONG row, IPixelBlock* output, WindowShape spec,
-                    const BandFn& band) {
+HRESULT FilterBlock(IRaster* source, LONG column, LONG row, IPixelBlock* output,
+                    WindowShape windowShape, const BandFn& band) {
   if (source == nullptr || output == nullptr) return E_POINTER;
   BlockShape shape;
   PW_RETURN_IF_FAILED(GetShape(output, &shape));
   if (shape.width < 1 || shape.height < 1) return S_OK;
-  spec.pixelType = shape.pixelType;
-  spec.bands = shape.bands;
+  windowShape.pixelType = shape.pixelType;
+  windowShape.bands = shape.bands;
   const LONG cores = static_cast<LONG>(std::max(1u, std::thread::hardware_concurrency()));
   const LONG threads =
       InParallelWorker() ? 1 : std::clamp<LONG>(shape.height / kStripRows, 1, cores);
   if (threads == 1)
-    return RunRows(source, column, row, shape.width, 0, shape.height, shape, output, spec, band);
+    return RunRows(source, column, row, shape.width, 0, shape.height, shape, output, windowShape,
+                   band);
   // Strips start on whole bytes of the masks: a multiple of eight rows.
   const LONG per = ((shape.height + threads - 1) / threads + 7) / 8 * 8;
   std::vector<HRESULT> results(static_cast<std::size_t>(threads), S_OK);
@@ -72,7 +74,7 @@ HRESULT FilterBlock(IRaster* source, LONG column, LONG row, IPixelBlock* output,
     if (rows < 1) return;
     try {
       results[static_cast<std::size_t>(t)] =
-          RunRows(source, column, row, shape.width, first, rows, shape, output, spec, band);
+          RunRows(source, column, row, shape.width, first, rows, shape, output, windowShape, band);
     } catch (const std::bad_alloc&) {
       results[static_cast<std::size_t>(t)] = E_OUTOFMEMORY;
     } catch (...) {

@@ -43,12 +43,12 @@ struct Target {
 };
 
 // Runs `band(window, target)` for every band of the output block at (column, row) of
-// `source`, reading each band of rows' grown window by `spec` (its pixel type is the
+// `source`, reading each band of rows' grown window by `windowShape` (its pixel type is the
 // block's). Blocks of more than a few rows are cut into strips that run on all cores,
 // unless the calling thread is itself a parallel worker.
 using BandFn = std::function<void(const Window&, const Target&)>;
-HRESULT FilterBlock(IRaster* source, LONG column, LONG row, IPixelBlock* output, WindowShape spec,
-                    const BandFn& band);
+HRESULT FilterBlock(IRaster* source, LONG column, LONG row, IPixelBlock* output,
+                    WindowShape windowShape, const BandFn& band);
 
 // Integer results round half up (floor(v + 0.5)) and clamp to the type's range; floating
 // results convert.

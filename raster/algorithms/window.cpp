@@ -130,24 +130,25 @@ HRESULT ReadGrownWindow(IRaster* raster, LONG column, LONG row, LONG width, LONG
   return S_OK;
 }
 
-LONG WindowBandRows(const WindowShape& spec, LONG width, LONG height) {
+LONG WindowBandRows(const WindowShape& windowShape, LONG width, LONG height) {
   const std::size_t rowBytes =
-      static_cast<std::size_t>(width + spec.margins.left + spec.margins.right) *
-      PixelSize(spec.pixelType) * static_cast<std::size_t>(std::max<LONG>(spec.bands, 1));
+      static_cast<std::size_t>(width + windowShape.margins.left + windowShape.margins.right) *
+      PixelSize(windowShape.pixelType) *
+      static_cast<std::size_t>(std::max<LONG>(windowShape.bands, 1));
   const std::size_t rows =
-      std::max<std::size_t>(8, spec.bandBytes / std::max<std::size_t>(rowBytes, 1) / 8 * 8);
+      std::max<std::size_t>(8, windowShape.bandBytes / std::max<std::size_t>(rowBytes, 1) / 8 * 8);
   return static_cast<LONG>(
       std::min<std::size_t>(rows, static_cast<std::size_t>(std::max<LONG>(height, 1))));
 }
 
 HRESULT ReadWindowRows(IRaster* input, LONG column, LONG row, LONG width, LONG rows, LONG firstRow,
-                       const WindowShape& spec, IPixelBlock** window, WindowRows* band) {
+                       const WindowShape& windowShape, IPixelBlock** window, WindowRows* band) {
   Extent extent;
   PW_RETURN_IF_FAILED(ExtentOf(input, &extent));
-  const Margins& m = spec.margins;
+  const Margins& m = windowShape.margins;
   const LONG top = row + firstRow;
-  PW_RETURN_IF_FAILED(ReadGrownWindow(input, column, top, width, rows, m, spec.edges,
-                                      spec.pixelType, spec.bands, window));
+  PW_RETURN_IF_FAILED(ReadGrownWindow(input, column, top, width, rows, m, windowShape.edges,
+                                      windowShape.pixelType, windowShape.bands, window));
   band->window = *window;
   band->firstRow = firstRow;
   band->width = width;

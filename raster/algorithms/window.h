@@ -99,25 +99,25 @@ struct WindowRows {
 };
 
 // The bands of rows of a block of `height` rows for a window `columns` wide.
-LONG WindowBandRows(const WindowShape& spec, LONG width, LONG height);
+LONG WindowBandRows(const WindowShape& windowShape, LONG width, LONG height);
 // Reads one band's grown window and works out its interior.
 HRESULT ReadWindowRows(IRaster* input, LONG column, LONG row, LONG width, LONG rows, LONG firstRow,
-                       const WindowShape& spec, IPixelBlock** window, WindowRows* band);
+                       const WindowShape& windowShape, IPixelBlock** window, WindowRows* band);
 
 // Runs `policy(const WindowRows&)` (returning HRESULT) over the output block of `width` x
 // `height` at (column, row), band of rows by band of rows. The first failure stops it;
 // S_FALSE from every band gives S_FALSE.
 template <class Policy>
 HRESULT ForEachWindowRows(IRaster* input, LONG column, LONG row, LONG width, LONG height,
-                          const WindowShape& spec, Policy&& policy) {
+                          const WindowShape& windowShape, Policy&& policy) {
   if (width < 1 || height < 1) return S_OK;
-  const LONG step = WindowBandRows(spec, width, height);
+  const LONG step = WindowBandRows(windowShape, width, height);
   HRESULT result = S_FALSE;
   for (LONG first = 0; first < height; first += step) {
     ComPtr<IPixelBlock> window;
     WindowRows band;
     HRESULT hr = ReadWindowRows(input, column, row, width, std::min(step, height - first), first,
-                                spec, &window, &band);
+                                windowShape, &window, &band);
     if (SUCCEEDED(hr)) hr = policy(static_cast<const WindowRows&>(band));
     if (FAILED(hr)) return hr;
     if (hr == S_OK) result = S_OK;

@@ -104,18 +104,18 @@ class ArgumentDeclarations : public ::testing::Test {
 
 TEST_F(ArgumentDeclarations, EveryFunctionOfThisBuildIsDeclared) {
   for (const auto& [function, arguments] : Correct())
-    EXPECT_NE(FindFunctionSpec(function), nullptr) << function;
-  EXPECT_EQ(FunctionSpecs().size(), Correct().size());
+    EXPECT_NE(FindFunctionDeclaration(function), nullptr) << function;
+  EXPECT_EQ(FunctionDeclarations().size(), Correct().size());
 }
 
 TEST_F(ArgumentDeclarations, MisspeltWrongKindAndOutOfSetArgumentsFailToLoad) {
-  for (const FunctionSpec* spec : FunctionSpecs()) {
-    const std::string function(spec->function);
+  for (const FunctionDeclaration* decl : FunctionDeclarations()) {
+    const std::string function(decl->function);
     SCOPED_TRACE(function);
     ASSERT_EQ(Correct().count(function), 1u);
     const Json& correct = Correct().at(function);
     EXPECT_EQ(Load(function, correct), "");
-    for (const ArgumentSpec& item : spec->items) {
+    for (const ArgumentDeclaration& item : decl->items) {
       const std::string name(item.name);
       SCOPED_TRACE(name);
       const auto mentions = [&](const std::string& message, const std::string& what) {
@@ -178,13 +178,13 @@ TEST_F(ArgumentDeclarations, AliasesNamesAndShortFunctionNamesAreRead) {
 }
 
 TEST_F(ArgumentDeclarations, DescriptionsListEveryArgumentWithItsDefaultAndSet) {
-  const FunctionSpec* slope = FindFunctionSpec("SlopeFunction");
+  const FunctionDeclaration* slope = FindFunctionDeclaration("SlopeFunction");
   ASSERT_NE(slope, nullptr);
   const std::string text = DescribeArguments(*slope);
   for (const char* expected : {"DEM", "a raster", "required", "ZFactor", "default 1",
                                "one of 1 (degrees), 2 (percent rise)", "also read as Raster"})
     EXPECT_NE(text.find(expected), std::string::npos) << expected << "\n" << text;
-  const std::string table = ArgumentsTable(*FindFunctionSpec("HillshadeFunction"));
+  const std::string table = ArgumentsTable(*FindFunctionDeclaration("HillshadeFunction"));
   EXPECT_NE(table.find("| \"Altitude\" | a number | 45 | -90 to 90 |"), std::string::npos) << table;
 }
 

@@ -19,19 +19,19 @@ TEST(DocsTables, FunctionsMdShowsEveryDeclarationAsItIs) {
   std::string text = test::ReadFile(file);
   ASSERT_FALSE(text.empty()) << file;
   const bool update = std::getenv("PIXWERK_UPDATE_DOCS") != nullptr;
-  for (const FunctionSpec* spec : FunctionSpecs()) {
-    const std::string start = "<!-- arguments: " + std::string(spec->function) + " -->\n";
+  for (const FunctionDeclaration* decl : FunctionDeclarations()) {
+    const std::string start = "<!-- arguments: " + std::string(decl->function) + " -->\n";
     const auto open = text.find(start);
-    ASSERT_NE(open, std::string::npos) << spec->function << " has no table in " << file;
+    ASSERT_NE(open, std::string::npos) << decl->function << " has no table in " << file;
     const auto body = open + start.size();
     const auto close = text.find(kEnd, body);
-    ASSERT_NE(close, std::string::npos) << spec->function;
-    const std::string expected = ArgumentsTable(*spec);
+    ASSERT_NE(close, std::string::npos) << decl->function;
+    const std::string expected = ArgumentsTable(*decl);
     if (update) {
       text.replace(body, close - body, expected);
     } else {
       EXPECT_EQ(text.substr(body, close - body), expected)
-          << "docs/functions.md differs from the declaration of " << spec->function
+          << "docs/functions.md differs from the declaration of " << decl->function
           << " (PIXWERK_UPDATE_DOCS=1 ctest -R DocsTables rewrites it)";
     }
   }

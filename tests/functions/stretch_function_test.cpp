@@ -44,11 +44,11 @@ Variant StatisticsArray(const std::vector<std::array<double, 4>>& bands) {
   return Variant(array->AsUnknown());
 }
 
-struct HistogramSpec {
+struct HistogramCase {
   double low, high;
   std::vector<double> counts;
 };
-Variant HistogramArray(const std::vector<HistogramSpec>& bands) {
+Variant HistogramArray(const std::vector<HistogramCase>& bands) {
   auto array = MakeObject<raster::ObjectArray>();
   for (const auto& h : bands) {
     auto made = MakeObject<raster::RasterHistogram>();

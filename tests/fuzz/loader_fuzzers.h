@@ -21,11 +21,11 @@ namespace pw::fuzz {
 
 // An empty arguments object of one of the declared classes, picked by `choice`.
 inline ComPtr<IUnknown> ArgumentsObject(std::uint8_t choice) {
-  const auto specs = framework::FunctionSpecs();
-  if (specs.empty()) return nullptr;
-  const framework::FunctionSpec* spec = specs[choice % specs.size()];
+  const auto decls = framework::FunctionDeclarations();
+  if (decls.empty()) return nullptr;
+  const framework::FunctionDeclaration* decl = decls[choice % decls.size()];
   ComPtr<IUnknown> object;
-  (void)server::CreateInstance(ToUtf16(spec->arguments), &object);
+  (void)server::CreateInstance(ToUtf16(decl->arguments), &object);
   return object;
 }
 

@@ -43,8 +43,8 @@ bool WriteLoaderSeeds(const std::string& folder) {
   Write(folder + "/chain/deep-chain",
         Nested(10000, R"({"function": "IdentityFunction", "arguments": {"Raster": )", "\"a.tif\"",
                "}}"));
-  const auto specs = framework::FunctionSpecs();
-  for (std::size_t i = 0; i < specs.size(); ++i) {
+  const auto decls = framework::FunctionDeclarations();
+  for (std::size_t i = 0; i < decls.size(); ++i) {
     ComPtr<IUnknown> args = fuzz::ArgumentsObject(static_cast<std::uint8_t>(i));
     auto named = args.As<IRasterFunctionArguments>();
     if (!named) return false;
@@ -59,7 +59,7 @@ bool WriteLoaderSeeds(const std::string& folder) {
         FAILED(persist::SaveToBytes(args.Get(), persist::kCurrentDocumentVersion, &bytes)))
       return false;
     const std::string first(1, static_cast<char>(i));
-    const std::string name = std::string(specs[i]->arguments);
+    const std::string name = std::string(decls[i]->arguments);
     Write(folder + "/arguments_json/" + name, first + json);
     Write(folder + "/arguments_xml/" + name, first + xml);
     Write(folder + "/arguments_stream/" + name, first + std::string(bytes.begin(), bytes.end()));

@@ -82,12 +82,12 @@ Sums Engine(IRaster* raster, LONG type, const Margins& m, EdgeMode mode, LONG x0
             LONG h, LONG tileW, LONG tileH, std::size_t bandBytes, std::string* fault) {
   Sums s{std::vector<double>(static_cast<std::size_t>(w * h)),
          std::vector<int>(static_cast<std::size_t>(w * h))};
-  WindowShape spec{m, mode, type, 1, bandBytes};
+  WindowShape windowShape{m, mode, type, 1, bandBytes};
   for (LONG ty = y0; ty < y0 + h; ty += tileH)
     for (LONG tx = x0; tx < x0 + w; tx += tileW) {
       const LONG bw = std::min(tileW, x0 + w - tx), bh = std::min(tileH, y0 + h - ty);
-      const HRESULT hr =
-          ForEachWindowRows(raster, tx, ty, bw, bh, spec, [&](const WindowRows& rows) -> HRESULT {
+      const HRESULT hr = ForEachWindowRows(
+          raster, tx, ty, bw, bh, windowShape, [&](const WindowRows& rows) -> HRESULT {
             if (rows.width != bw || rows.column != tx || rows.row != ty + rows.firstRow)
               *fault = "band placed wrongly";
             const std::size_t stride = rows.Stride();

@@ -561,12 +561,12 @@ void PrintChainTree(const Json& chain, int depth) {
   std::printf("\n");
   static const Json kNone = Json::object();
   const Json& arguments = chain.contains("arguments") ? chain["arguments"] : kNone;
-  const pw::framework::FunctionSpec* spec = pw::framework::FindFunctionSpec(function);
-  if (spec == nullptr) return;
-  for (const pw::framework::ArgumentSpec& item : spec->items) {
+  const pw::framework::FunctionDeclaration* decl = pw::framework::FindFunctionDeclaration(function);
+  if (decl == nullptr) return;
+  for (const pw::framework::ArgumentDeclaration& item : decl->items) {
     const Json* given = nullptr;
     for (const auto& [key, value] : arguments.items())
-      if (spec->Find(std::string_view(key)) == &item) given = &value;
+      if (decl->Find(std::string_view(key)) == &item) given = &value;
     if (given == nullptr) {
       if (!item.Required())
         std::printf("%s  %s = %s (default)\n", indent.c_str(), std::string(item.name).c_str(),
@@ -700,9 +700,9 @@ int Functions(const Args& args) {
   }
   if (!name.empty()) {
     const std::string function = pw::framework::ResolveFunctionName(name);
-    const pw::framework::FunctionSpec* spec =
-        function.empty() ? nullptr : pw::framework::FindFunctionSpec(function);
-    if (spec == nullptr) {
+    const pw::framework::FunctionDeclaration* decl =
+        function.empty() ? nullptr : pw::framework::FindFunctionDeclaration(function);
+    if (decl == nullptr) {
       const std::string nearest = pw::framework::SuggestFunctionName(name);
       std::fprintf(
           stderr, "pixwerk: no function '%s' in this build%s; `pixwerk functions` lists them\n",
@@ -710,33 +710,33 @@ int Functions(const Args& args) {
       return kFailed;
     }
     if (markdown) {
-      std::fputs(pw::framework::ArgumentsTable(*spec).c_str(), stdout);
+      std::fputs(pw::framework::ArgumentsTable(*decl).c_str(), stdout);
       return kOk;
     }
-    const std::u16string className = pw::ToUtf16(spec->function);
+    const std::u16string className = pw::ToUtf16(decl->function);
     std::printf("%s (%s)\n%s\n\narguments (%s):\n%s", function.c_str(),
                 DisplayName(className).c_str(), DisplayName(className, true).c_str(),
-                std::string(spec->arguments).c_str(),
-                pw::framework::DescribeArguments(*spec).c_str());
+                std::string(decl->arguments).c_str(),
+                pw::framework::DescribeArguments(*decl).c_str());
     return kOk;
   }
   using namespace pw::server;
   if (!all) {
-    const auto specs = pw::framework::FunctionSpecs();
-    for (const auto* spec : specs) {
-      const std::u16string className = pw::ToUtf16(spec->function);
-      std::printf("%-28s %-28s %s\n", std::string(spec->function).c_str(),
+    const auto decls = pw::framework::FunctionDeclarations();
+    for (const auto* decl : decls) {
+      const std::u16string className = pw::ToUtf16(decl->function);
+      std::printf("%-28s %-28s %s\n", std::string(decl->function).c_str(),
                   DisplayName(className).c_str(), DisplayName(className, true).c_str());
     }
     std::printf(
         "%zu functions in this build (pixwerk functions --all lists every advertised one)\n",
-        specs.size());
+        decls.size());
     return kOk;
   }
   int advertised = 0, available = 0;
   for (const ClassEntry& entry : ClassEntries()) {
     if (!ImplementsCategory(entry, CATID_RasterFunctions) &&
-        !pw::framework::FindFunctionSpec(pw::ToUtf8(entry.name)))
+        !pw::framework::FindFunctionDeclaration(pw::ToUtf8(entry.name)))
       continue;
     ++advertised;
     const bool built = Available(entry);

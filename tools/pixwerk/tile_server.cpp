@@ -84,10 +84,10 @@ void Declarations(const Json& chain, Json* out) {
   if (chain.is_object()) {
     if (const auto f = chain.find("function"); f != chain.end() && f->is_string()) {
       const std::string name = framework::ResolveFunctionName(f->get<std::string>());
-      if (const framework::FunctionSpec* spec = framework::FindFunctionSpec(name);
-          spec != nullptr && !out->contains(name)) {
+      if (const framework::FunctionDeclaration* decl = framework::FindFunctionDeclaration(name);
+          decl != nullptr && !out->contains(name)) {
         Json arguments = Json::array();
-        for (const framework::ArgumentSpec& item : spec->items) {
+        for (const framework::ArgumentDeclaration& item : decl->items) {
           Json a = {{"name", std::string(item.name)},
                     {"kind", std::string(framework::KindText(item.kind))},
                     {"required", item.Required()},
