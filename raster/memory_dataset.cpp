@@ -1,6 +1,7 @@
 // In-memory datasets and bands.
 #include "raster/memory_dataset.h"
 
+#include <algorithm>
 #include <cstring>
 #include <stdexcept>
 
@@ -184,6 +185,36 @@ void MemoryDataset::SetPixel(LONG band, LONG column, LONG row, double value, boo
     b.Data<T>()[i] = valid ? ConvertValue<T>(value, range, &converted) : T{0};
     mask::Put(b.Mask(), i, valid && converted);
   });
+}
+
+bool LendMemoryCells(IRaster* raster, LONG column, LONG row, LONG width, LONG height,
+                     LONG pixelType, LONG bands, MemoryCells* cells) {
+  auto* view = dynamic_cast<Raster*>(raster);
+  if (view == nullptr || !view->PlainView()) return false;
+  auto* memory = dynamic_cast<MemoryDataset*>(view->Source().Get());
+  if (memory == nullptr || memory->PixelType() != pixelType) return false;
+  const RasterGrid& grid = memory->Grid();
+  if (column < 0 || row < 0 || width < 1 || height < 1 || column + width > grid.columns ||
+      row + height > grid.rows)
+    return false;
+  LONG count = 0;
+  memory->get_BandCount(&count);
+  if (bands > 0) count = std::min(count, bands);
+  const std::size_t first = static_cast<std::size_t>(row) * static_cast<std::size_t>(grid.columns) +
+                            static_cast<std::size_t>(column);
+  const std::size_t size = PixelSize(pixelType);
+  cells->values.clear();
+  cells->masks.clear();
+  for (LONG b = 0; b < count; ++b) {
+    MemoryBand& band = memory->Band(b);
+    // Values equal to a no-data value are invalid without their bit saying so.
+    if (band.NoData()) return false;
+    cells->values.push_back(static_cast<const std::uint8_t*>(band.Data()) + first * size);
+    cells->masks.push_back(band.Mask());
+  }
+  cells->pitch = static_cast<std::size_t>(grid.columns);
+  cells->maskFirst = first;
+  return count > 0;
 }
 
 }  // namespace pw::raster

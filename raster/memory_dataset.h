@@ -84,6 +84,22 @@ class MemoryDataset : public IRasterDataset, public IRasterSource, public IRaste
   ComPtr<IPropertySet> properties_;
 };
 
+// Cells of a window that a raster in memory lends where they lie: each band's values from
+// the window's top-left cell, `pitch` cells from one row to the next, and its mask with the
+// top-left cell's bit at `maskFirst`, rows `pitch` bits apart.
+struct MemoryCells {
+  std::vector<const void*> values;
+  std::vector<const BYTE*> masks;
+  std::size_t pitch = 0, maskFirst = 0;
+};
+
+// Whether `raster` is a plain view (no filter, resampling, conversion or no-data of its
+// own) of a memory dataset without no-data values whose grid holds the window of `width` x
+// `height` cells at (column, row) wholly; if so, the first `bands` bands' cells (all when 0)
+// of that window. They stay valid while the dataset lives and are only to be read.
+bool LendMemoryCells(IRaster* raster, LONG column, LONG row, LONG width, LONG height,
+                     LONG pixelType, LONG bands, MemoryCells* cells);
+
 // A dataset whose band b holds fill(b, column, row) (NaN makes the pixel invalid).
 template <class Fill>
 ObjectPtr<MemoryDataset> MakeMemoryDataset(const RasterGrid& grid, LONG bands, LONG pixelType,

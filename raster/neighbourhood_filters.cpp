@@ -31,6 +31,7 @@ class ConvolutionFilter : public IRasterFilter, public IRasterConvolutionFilter 
     WindowShape windowShape;
     windowShape.margins = convolution::MarginsOf(kernel->kernel);
     windowShape.edges = mirror_ ? EdgeMode::kMirror : EdgeMode::kInvalid;
+    windowShape.inPlace = true;  // the kernels read rows at the window's values pitch
     return Guard([&] {
       return neighbourhood::FilterBlock(
           source, column, row, output, windowShape,
@@ -106,6 +107,7 @@ class FocalStatisticsFilter : public IRasterFilter, public IFocalStatisticsFilte
     WindowShape windowShape;
     windowShape.margins = Margins::Window(columns_, rows_);
     windowShape.edges = EdgeMode::kInvalid;
+    windowShape.inPlace = true;  // the kernels read rows at the window's values pitch
     const auto statistic = static_cast<focal::Statistic>(statistic_);
     const bool fill = fill_;
     return Guard([&] {

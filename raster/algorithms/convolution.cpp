@@ -472,14 +472,14 @@ bool ConvolveDirect(const Window& in, const Prepared& p, const Target& out) {
   const std::size_t stride = in.Stride();
   const std::size_t pixel = PixelSize(in.pixelType);
   const auto* source = static_cast<const std::uint8_t*>(in.values);
+  const std::size_t pitch = in.ValuesPitch();
   std::vector<double> columns(d.fixed != nullptr ? 0 : stride);
   Validity validity(in);
   const void* rows[5] = {};
   const double* level = &p.level;
   const Prepared::Tap* tap = p.levelled && !p.taps.empty() ? &p.taps.front() : nullptr;
   for (LONG r = 0; r < in.rows; ++r) {
-    for (LONG i = 0; i < k; ++i)
-      rows[i] = source + static_cast<std::size_t>(r + i) * stride * pixel;
+    for (LONG i = 0; i < k; ++i) rows[i] = source + static_cast<std::size_t>(r + i) * pitch * pixel;
     void* target =
         static_cast<std::uint8_t*>(out.values) + static_cast<std::size_t>(r) * width * pixel;
     if (d.fixed != nullptr) {
@@ -547,13 +547,14 @@ void Convolve(const Window& in, const Prepared& prepared, const Target& out) {
   std::vector<double> sums(width), columns(twoPasses ? stride : 0);
   Validity validity(in);
   const auto* source = static_cast<const std::uint8_t*>(in.values);
+  const std::size_t pitch = in.ValuesPitch();
   auto slot = [&](LONG g) { return ring.data() + static_cast<std::size_t>(g % kr) * stride; };
   for (LONG g = 0; g < kr - 1; ++g)
-    load(source + static_cast<std::size_t>(g) * stride * pixel, stride, slot(g));
+    load(source + static_cast<std::size_t>(g) * pitch * pixel, stride, slot(g));
   const double* w = kernel.weights.data();
   for (LONG r = 0; r < in.rows; ++r) {
     const LONG newest = r + kr - 1;
-    load(source + static_cast<std::size_t>(newest) * stride * pixel, stride, slot(newest));
+    load(source + static_cast<std::size_t>(newest) * pitch * pixel, stride, slot(newest));
     for (LONG i = 0; i < kr; ++i) rows[static_cast<std::size_t>(i)] = slot(r + i);
     if (prepared.levelled) {
       if (down != nullptr) {

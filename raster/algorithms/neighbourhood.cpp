@@ -32,7 +32,9 @@ HRESULT RunRows(IRaster* source, LONG column, LONG row, LONG width, LONG firstRo
             static_cast<std::size_t>(w.rows + w.margins.top + w.margins.bottom) * w.Stride();
         for (LONG b = 0; b < shape.bands; ++b) {
           Window in;
-          in.values = w.window->Buffer(b);
+          in.values =
+              w.values.empty() ? w.window->Buffer(b) : w.values[static_cast<std::size_t>(b)];
+          in.valuesPitch = w.valuesPitch;
           in.mask = w.window->Mask(b);
           in.pixelType = shape.pixelType;
           in.width = w.width;

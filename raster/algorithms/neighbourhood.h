@@ -28,10 +28,14 @@ struct Window {
   LONG width = 0, rows = 0;
   Margins margins;
   bool allValid = false;  // every cell of the window is valid
+  // Cells from one row of values to the next when they lie in their source's memory (0: the
+  // window's own Stride()). The mask is always the window's own, Stride() bits a row.
+  std::size_t valuesPitch = 0;
 
   std::size_t Stride() const {
     return static_cast<std::size_t>(width + margins.left + margins.right);
   }
+  std::size_t ValuesPitch() const { return valuesPitch != 0 ? valuesPitch : Stride(); }
   LONG GrownRows() const { return rows + margins.top + margins.bottom; }
 };
 

@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "raster/mask.h"
+#include "raster/memory_dataset.h"
 #include "raster/pixel_block.h"
 
 namespace pw::raster {
@@ -147,8 +148,29 @@ HRESULT ReadWindowRows(IRaster* input, LONG column, LONG row, LONG width, LONG r
   PW_RETURN_IF_FAILED(ExtentOf(input, &extent));
   const Margins& m = windowShape.margins;
   const LONG top = row + firstRow;
-  PW_RETURN_IF_FAILED(ReadGrownWindow(input, column, top, width, rows, m, windowShape.edges,
-                                      windowShape.pixelType, windowShape.bands, window));
+  band->values.clear();
+  band->valuesPitch = 0;
+  MemoryCells cells;
+  if (windowShape.inPlace &&
+      LendMemoryCells(input, column - m.left, top - m.top, width + m.left + m.right,
+                      rows + m.top + m.bottom, windowShape.pixelType, windowShape.bands, &cells)) {
+    // The values stay where they are; the masks are gathered into the window's.
+    const LONG gw = width + m.left + m.right, gh = rows + m.top + m.bottom;
+    const LONG bands = static_cast<LONG>(cells.values.size());
+    PW_RETURN_IF_FAILED(CreateUnfilledPixelBlock(gw, gh, bands, windowShape.pixelType, window));
+    for (LONG b = 0; b < bands; ++b)
+      for (LONG r = 0; r < gh; ++r)
+        mask::CopyRange(cells.masks[static_cast<std::size_t>(b)],
+                        cells.maskFirst + static_cast<std::size_t>(r) * cells.pitch,
+                        (*window)->Mask(b),
+                        static_cast<std::size_t>(r) * static_cast<std::size_t>(gw),
+                        static_cast<std::size_t>(gw));
+    band->values = std::move(cells.values);
+    band->valuesPitch = cells.pitch;
+  } else {
+    PW_RETURN_IF_FAILED(ReadGrownWindow(input, column, top, width, rows, m, windowShape.edges,
+                                        windowShape.pixelType, windowShape.bands, window));
+  }
   band->window = *window;
   band->firstRow = firstRow;
   band->width = width;

@@ -79,6 +79,9 @@ struct WindowShape {
   // About how many bytes of grown rows a band of rows holds; bands are a multiple of eight
   // rows, so that each starts on a whole byte of an output block's masks.
   std::size_t bandBytes = std::size_t{2} << 20;
+  // The policy reads values through WindowRows::values, so a window lying wholly inside a
+  // raster held in memory may be read where it lies instead of copied.
+  bool inPlace = false;
 };
 
 // One band of rows of an output block and its grown window.
@@ -92,6 +95,11 @@ struct WindowRows {
   // interiorBottom - 1, relative to the band) whose whole window lies on the raster; the
   // rectangle is empty when none does.
   LONG interiorLeft = 0, interiorTop = 0, interiorRight = 0, interiorBottom = 0;
+  // With WindowShape::inPlace, each band's values where the source keeps them (valuesPitch
+  // cells from one row to the next) when it could lend them; the window's masks are filled
+  // either way, its values only when `values` is empty.
+  std::vector<const void*> values;
+  std::size_t valuesPitch = 0;
   // The row stride of the window and the offset of output cell (c, r)'s window's top-left.
   std::size_t Stride() const {
     return static_cast<std::size_t>(width + margins.left + margins.right);

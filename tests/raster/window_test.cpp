@@ -11,6 +11,7 @@
 #include "raster/mask.h"
 #include "raster/memory_dataset.h"
 #include "raster/pixel_block.h"
+#include "raster/pixel_traits.h"
 
 namespace pw::raster {
 namespace {
@@ -79,10 +80,12 @@ Sums Reference(LONG type, const Margins& m, EdgeMode mode, LONG x0, LONG y0, LON
 
 // The same through the engine, in tiles of `tileW` x `tileH` from (x0, y0).
 Sums Engine(IRaster* raster, LONG type, const Margins& m, EdgeMode mode, LONG x0, LONG y0, LONG w,
-            LONG h, LONG tileW, LONG tileH, std::size_t bandBytes, std::string* fault) {
+            LONG h, LONG tileW, LONG tileH, std::size_t bandBytes, bool inPlace,
+            std::string* fault) {
   Sums s{std::vector<double>(static_cast<std::size_t>(w * h)),
          std::vector<int>(static_cast<std::size_t>(w * h))};
-  WindowShape windowShape{m, mode, type, 1, bandBytes};
+  WindowShape windowShape{m, mode, type, 1, bandBytes, inPlace};
+  bool lent = false;
   for (LONG ty = y0; ty < y0 + h; ty += tileH)
     for (LONG tx = x0; tx < x0 + w; tx += tileW) {
       const LONG bw = std::min(tileW, x0 + w - tx), bh = std::min(tileH, y0 + h - ty);
@@ -91,6 +94,18 @@ Sums Engine(IRaster* raster, LONG type, const Margins& m, EdgeMode mode, LONG x0
             if (rows.width != bw || rows.column != tx || rows.row != ty + rows.firstRow)
               *fault = "band placed wrongly";
             const std::size_t stride = rows.Stride();
+            // Values lent where they lie are read at their pitch; the mask is the window's.
+            lent |= !rows.values.empty();
+            auto value = [&](std::size_t row, std::size_t column) {
+              if (rows.values.empty()) return PixelValue(rows.window, 0, row * stride + column);
+              double v = 0;
+              VisitPixelType(type, [&](auto tag) {
+                using T = typename decltype(tag)::type;
+                v = static_cast<double>(
+                    static_cast<const T*>(rows.values[0])[row * rows.valuesPitch + column]);
+              });
+              return v;
+            };
             for (LONG r = 0; r < rows.rows; ++r)
               for (LONG c = 0; c < rows.width; ++c) {
                 const bool interior = c >= rows.interiorLeft && c < rows.interiorRight &&
@@ -106,7 +121,8 @@ Sums Engine(IRaster* raster, LONG type, const Margins& m, EdgeMode mode, LONG x0
                     const std::size_t i = static_cast<std::size_t>(r + wy) * stride +
                                           static_cast<std::size_t>(c + wx);
                     if (!mask::Get(rows.window->Mask(0), i)) continue;
-                    s.sum[o] += PixelValue(rows.window, 0, i);
+                    s.sum[o] +=
+                        value(static_cast<std::size_t>(r + wy), static_cast<std::size_t>(c + wx));
                     ++s.count[o];
                   }
               }
@@ -114,6 +130,9 @@ Sums Engine(IRaster* raster, LONG type, const Margins& m, EdgeMode mode, LONG x0
           });
       if (FAILED(hr)) *fault = "read failed";
     }
+  // Tiles of a few cells on a raster of 13 x 11 have interior windows for windows up to 5 x 5.
+  if (inPlace && m.Columns() <= 5 && m.Rows() <= 5 && tileW < kColumns && !lent)
+    *fault = "no window lent";
   return s;
 }
 
@@ -122,11 +141,14 @@ TEST(WindowEngine, WindowSumsEqualTheRasterSumsForEverySizeModeAndType) {
   const struct {
     LONG x0, y0, w, h, tileW, tileH;
     std::size_t bandBytes;
+    bool inPlace = false;
   } tilings[] = {
       {0, 0, kColumns, kRows, kColumns, kRows, std::size_t{2} << 20},  // whole
       {0, 0, kColumns, kRows, 4, 3, std::size_t{2} << 20},             // tiles at every border
       {0, 0, kColumns, kRows, kColumns, kRows, 1},                     // bands of 8 rows
       {-3, -2, kColumns + 6, kRows + 5, 5, 7, 1},  // tiles reaching beyond the raster
+      // Inner tiles' windows read where the raster keeps them, the others copied.
+      {0, 0, kColumns, kRows, 3, 2, std::size_t{2} << 20, true},
   };
   for (LONG type = 0; type <= 10; ++type) {
     auto dataset = MakeMemoryDataset(
@@ -144,7 +166,7 @@ TEST(WindowEngine, WindowSumsEqualTheRasterSumsForEverySizeModeAndType) {
           for (const auto& t : tilings) {
             std::string fault;
             const Sums got = Engine(raster.Get(), type, m, mode, t.x0, t.y0, t.w, t.h, t.tileW,
-                                    t.tileH, t.bandBytes, &fault);
+                                    t.tileH, t.bandBytes, t.inPlace, &fault);
             const Sums want = Reference(type, m, mode, t.x0, t.y0, t.w, t.h);
             EXPECT_TRUE(fault.empty() && got == want)
                 << fault << ": type " << type << ", window " << columns << " x " << rows
@@ -152,6 +174,50 @@ TEST(WindowEngine, WindowSumsEqualTheRasterSumsForEverySizeModeAndType) {
                 << " from (" << t.x0 << ", " << t.y0 << ")";
           }
       }
+  }
+}
+
+// Cells are lent only where reading them in place gives what a copy would: a plain view of
+// a dataset in memory without no-data values, the window wholly on it, in its pixel type.
+TEST(WindowEngine, MemoryCellsAreLentOnlyWhereACopyWouldHoldTheSame) {
+  const RasterGrid grid{0, 0, kColumns, kRows, kColumns, kRows};
+  auto plain = MakeMemoryDataset(grid, 2, 9, [](LONG b, LONG c, LONG r) { return b + c + r; });
+  auto noData = MakeMemoryDataset(grid, 1, 9, [](LONG, LONG c, LONG) { return c; });
+  noData->Band(0).SetNoData(3.0);
+  ComPtr<IRaster> view, withNoData, converted;
+  ASSERT_EQ(plain->CreateDefaultRaster(&view), S_OK);
+  ASSERT_EQ(noData->CreateDefaultRaster(&withNoData), S_OK);
+  ASSERT_EQ(plain->CreateDefaultRaster(&converted), S_OK);
+  converted.As<IRasterProps>()->put_PixelType(10);
+  const struct {
+    const char* what;
+    IRaster* raster;
+    LONG column, row, width, height, type, bands;
+    bool lent;
+  } cases[] = {
+      {"inside", view.Get(), 2, 3, 5, 4, 9, 0, true},
+      {"the whole raster", view.Get(), 0, 0, kColumns, kRows, 9, 1, true},
+      {"past the right edge", view.Get(), 9, 0, 5, 4, 9, 0, false},
+      {"above the top", view.Get(), 2, -1, 5, 4, 9, 0, false},
+      {"another pixel type", view.Get(), 2, 3, 5, 4, 10, 0, false},
+      {"a view converting its type", converted.Get(), 2, 3, 5, 4, 10, 0, false},
+      {"a band with a no-data value", withNoData.Get(), 2, 3, 5, 4, 9, 0, false},
+  };
+  for (const auto& c : cases) {
+    MemoryCells cells;
+    EXPECT_EQ(
+        LendMemoryCells(c.raster, c.column, c.row, c.width, c.height, c.type, c.bands, &cells),
+        c.lent)
+        << c.what;
+    if (!c.lent || !cells.values.size()) continue;
+    EXPECT_EQ(cells.values.size(), c.bands == 0 ? 2u : 1u) << c.what;
+    EXPECT_EQ(cells.pitch, static_cast<std::size_t>(kColumns)) << c.what;
+    // Band b's top-left cell holds b + column + row.
+    for (std::size_t b = 0; b < cells.values.size(); ++b)
+      EXPECT_EQ(static_cast<const float*>(cells.values[b])[cells.pitch + 1],
+                static_cast<float>(b) + static_cast<float>(c.column + 1 + c.row + 1))
+          << c.what;
+    EXPECT_TRUE(mask::Get(cells.masks[0], cells.maskFirst)) << c.what;
   }
 }
 
