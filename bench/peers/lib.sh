@@ -21,3 +21,15 @@ best() {  # command...: the best of three runs
   done
   echo "$b"
 }
+
+in_turn() {  # "command A" "command B": the best of three runs of each, run in turn so that the
+  # machine's drift between runs falls on both alike; prints "A B"
+  local a="" b="" t
+  for _ in 1 2 3; do
+    t=$(seconds bash -c "$1")
+    if [ -z "$a" ] || [ "$(echo "$t < $a" | bc -l)" = 1 ]; then a=$t; fi
+    t=$(seconds bash -c "$2")
+    if [ -z "$b" ] || [ "$(echo "$t < $b" | bc -l)" = 1 ]; then b=$t; fi
+  done
+  echo "$a $b"
+}
