@@ -482,12 +482,9 @@ bool ConvolveDirect(const Window& in, const Prepared& p, const Target& out) {
   const LONG grown = in.GrownRows();
   for (LONG r = 0; r < in.rows; ++r) {
     for (LONG i = 0; i < k; ++i) rows[i] = source + static_cast<std::size_t>(r + i) * pitch * pixel;
-    // A window's rows are short runs far apart in a raster's memory, which the processor
-    // does not fetch ahead by itself: ask for the row two after the newest.
-    if (r + k + 1 < grown) {
-      const auto* ahead = source + static_cast<std::size_t>(r + k + 1) * pitch * pixel;
-      for (std::size_t at = 0; at < rowBytes; at += 64) __builtin_prefetch(ahead + at);
-    }
+    if (pitch != stride && r + k + 1 < grown)  // lent rows: the row two after the newest
+      neighbourhood::PrefetchRow(source + static_cast<std::size_t>(r + k + 1) * pitch * pixel,
+                                 rowBytes);
     void* target =
         static_cast<std::uint8_t*>(out.values) + static_cast<std::size_t>(r) * width * pixel;
     if (d.fixed != nullptr) {

@@ -54,6 +54,13 @@ using BandFn = std::function<void(const Window&, const Target&)>;
 HRESULT FilterBlock(IRaster* source, LONG column, LONG row, IPixelBlock* output,
                     WindowShape windowShape, const BandFn& band);
 
+// Asks the processor for `bytes` of a row ahead of their use: rows of a window lent by a
+// raster in memory are short runs far apart, which it does not fetch ahead by itself.
+inline void PrefetchRow(const void* row, std::size_t bytes) {
+  const auto* at = static_cast<const char*>(row);
+  for (std::size_t offset = 0; offset < bytes; offset += 64) __builtin_prefetch(at + offset);
+}
+
 // Integer results round half up (floor(v + 0.5)) and clamp to the type's range; floating
 // results convert.
 template <class T>

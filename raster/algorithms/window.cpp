@@ -150,12 +150,11 @@ HRESULT ReadWindowRows(IRaster* input, LONG column, LONG row, LONG width, LONG r
   const LONG top = row + firstRow;
   band->values.clear();
   band->valuesPitch = 0;
+  const LONG gw = width + m.left + m.right, gh = rows + m.top + m.bottom;
   MemoryCells cells;
-  if (windowShape.inPlace &&
-      LendMemoryCells(input, column - m.left, top - m.top, width + m.left + m.right,
-                      rows + m.top + m.bottom, windowShape.pixelType, windowShape.bands, &cells)) {
+  if (windowShape.inPlace && LendMemoryCells(input, column - m.left, top - m.top, gw, gh,
+                                             windowShape.pixelType, windowShape.bands, &cells)) {
     // The values stay where they are; the masks are gathered into the window's.
-    const LONG gw = width + m.left + m.right, gh = rows + m.top + m.bottom;
     const LONG bands = static_cast<LONG>(cells.values.size());
     PW_RETURN_IF_FAILED(CreateUnfilledPixelBlock(gw, gh, bands, windowShape.pixelType, window));
     for (LONG b = 0; b < bands; ++b)

@@ -2,7 +2,6 @@
 #include "raster/gdal/export_strips.h"
 
 #include <algorithm>
-#include <bit>
 #include <cmath>
 #include <cstdint>
 #include <cstring>
