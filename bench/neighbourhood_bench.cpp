@@ -1,7 +1,9 @@
 // Convolution and focal statistics on an 8192 x 8192 band, read block by block through the
-// raster's filter with one and two threads, as an export reads them: every window size's
-// margin read included. With PIXWERK_PEER_DIR set the bands are the ones
-// bench/peers/neighbourhood_peers.sh wrote, so OpenCV, SciPy and Pixwerk time the same data.
+// raster's filter with one and two threads: every window size's margin read included. The
+// Strips cases read whole-width strips of 256 rows, as an export and the Python package read
+// a raster (every strip meets the raster's left and right edges). With PIXWERK_PEER_DIR set the
+// bands are the ones bench/peers/neighbourhood_peers.sh wrote, so OpenCV, SciPy and Pixwerk time
+// the same data.
 #include <benchmark/benchmark.h>
 
 #include <cmath>
@@ -23,7 +25,7 @@ namespace {
 
 constexpr LONG kSide = 8192;
 constexpr std::size_t kCells = std::size_t{kSide} * kSide;
-constexpr LONG kBlock = 512;
+constexpr LONG kBlock = 512, kStripRows = 256;
 
 // The band: an elevation-like float surface, or 8-bit classes 1 to 4.
 ObjectPtr<raster::MemoryDataset> Band(LONG type) {
@@ -58,41 +60,53 @@ const ObjectPtr<raster::MemoryDataset>& Dataset(LONG type) {
   return type == 9 ? f32 : u8;
 }
 
-// Reads the whole filtered band in blocks shared among the threads.
-void ReadAll(benchmark::State& state, LONG type, IRasterFilter* filter) {
+// Reads the whole filtered band in blocks of `columns` x `rows` shared among the threads.
+void ReadAll(benchmark::State& state, LONG type, IRasterFilter* filter, LONG columns, LONG rows) {
   ComPtr<IRaster> view;
   Dataset(type)->CreateDefaultRaster(&view);
   view->putref_Filter(filter);
   const int threads = static_cast<int>(state.range(0));
-  constexpr LONG kPerRow = kSide / kBlock, kBlocks = kPerRow * kPerRow;
+  const LONG perRow = kSide / columns, blocks = perRow * (kSide / rows);
   for (auto _ : state) {
     std::vector<std::thread> team;
     for (int t = 0; t < threads; ++t)
       team.emplace_back([&, t] {
         const raster::ParallelWorkerScope worker;
         ComPtr<IPixelBlock> block;
-        raster::CreatePixelBlock(kBlock, kBlock, 1, type, &block);
-        for (LONG b = t; b < kBlocks; b += threads)
-          view->ReadAt((b % kPerRow) * kBlock, (b / kPerRow) * kBlock, block.Get());
+        raster::CreatePixelBlock(columns, rows, 1, type, &block);
+        for (LONG b = t; b < blocks; b += threads)
+          view->ReadAt((b % perRow) * columns, (b / perRow) * rows, block.Get());
       });
     for (auto& t : team) t.join();
   }
   state.SetItemsProcessed(static_cast<std::int64_t>(state.iterations() * kCells));
 }
 
-void BM_Convolution(benchmark::State& state, LONG kernelType) {
+void Convolution(benchmark::State& state, LONG kernelType, LONG columns, LONG rows) {
   ComPtr<IRasterConvolutionFilter> filter;
   raster::CreateConvolutionFilter(&filter);
   filter->put_Type(kernelType);
-  ReadAll(state, 9, filter.As<IRasterFilter>().Get());
+  ReadAll(state, 9, filter.As<IRasterFilter>().Get(), columns, rows);
+}
+void BM_Convolution(benchmark::State& state, LONG kernelType) {
+  Convolution(state, kernelType, kBlock, kBlock);
+}
+void BM_ConvolutionStrips(benchmark::State& state, LONG kernelType) {
+  Convolution(state, kernelType, kSide, kStripRows);
 }
 
-void BM_Focal(benchmark::State& state, LONG type, LONG statistic, LONG size) {
+void Focal(benchmark::State& state, LONG type, LONG statistic, LONG size, LONG columns, LONG rows) {
   ComPtr<IFocalStatisticsFilter> filter;
   raster::CreateFocalStatisticsFilter(&filter);
   filter->put_Statistic(statistic);
   filter->PutSize(size, size);
-  ReadAll(state, type, filter.As<IRasterFilter>().Get());
+  ReadAll(state, type, filter.As<IRasterFilter>().Get(), columns, rows);
+}
+void BM_Focal(benchmark::State& state, LONG type, LONG statistic, LONG size) {
+  Focal(state, type, statistic, size, kBlock, kBlock);
+}
+void BM_FocalStrips(benchmark::State& state, LONG type, LONG statistic, LONG size) {
+  Focal(state, type, statistic, size, kSide, kStripRows);
 }
 
 #define PW_THREADS ->Arg(1)->Arg(2)->UseRealTime()->Unit(benchmark::kMillisecond)
@@ -111,6 +125,12 @@ BENCHMARK_CAPTURE(BM_Focal, Median3x3F32, 9, 5, 3) PW_THREADS;
 BENCHMARK_CAPTURE(BM_Focal, Median5x5U8, 3, 5, 5) PW_THREADS;
 BENCHMARK_CAPTURE(BM_Focal, Majority5x5U8, 3, 6, 5) PW_THREADS;
 BENCHMARK_CAPTURE(BM_Focal, StandardDeviation5x5F32, 9, 4, 5) PW_THREADS;
+BENCHMARK_CAPTURE(BM_ConvolutionStrips, Sharpen3x3F32, 19) PW_THREADS;
+BENCHMARK_CAPTURE(BM_FocalStrips, Mean5x5F32, 9, 3, 5) PW_THREADS;
+BENCHMARK_CAPTURE(BM_FocalStrips, Mean15x15F32, 9, 3, 15) PW_THREADS;
+BENCHMARK_CAPTURE(BM_FocalStrips, Min3x3F32, 9, 1, 3) PW_THREADS;
+BENCHMARK_CAPTURE(BM_FocalStrips, Max5x5F32, 9, 2, 5) PW_THREADS;
+BENCHMARK_CAPTURE(BM_FocalStrips, Median3x3F32, 9, 5, 3) PW_THREADS;
 
 }  // namespace
 }  // namespace pw

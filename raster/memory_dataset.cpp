@@ -152,16 +152,25 @@ HRESULT MemoryDataset::ReadWindow(LONG band, LONG column, LONG row, LONG width, 
   // The part of the window inside the grid, copied row by row; cells outside it are 0.
   const LONG c0 = std::max<LONG>(column, 0), c1 = std::min<LONG>(column + width, grid_.columns);
   const LONG r0 = std::max<LONG>(row, 0), r1 = std::min<LONG>(row + height, grid_.rows);
-  if (c0 != column || r0 != row || c1 != column + width || r1 != row + height)
-    std::memset(out, 0, pixels * size);
   const std::optional<double> noData = b.NoData();
-  for (LONG r = r0; r < r1 && c0 < c1; ++r) {
+  const std::size_t rowBytes = static_cast<std::size_t>(width) * size;
+  const std::size_t before = static_cast<std::size_t>(std::max<LONG>(c0 - column, 0)) * size;
+  const std::size_t inside = static_cast<std::size_t>(std::max<LONG>(c1 - c0, 0)) * size;
+  for (LONG r = row; r < row + height; ++r) {
+    std::uint8_t* to = out + static_cast<std::size_t>(r - row) * rowBytes;
+    if (r < r0 || r >= r1 || inside == 0) {
+      std::memset(to, 0, rowBytes);
+      continue;
+    }
     const std::size_t src = static_cast<std::size_t>(r) * static_cast<std::size_t>(grid_.columns) +
                             static_cast<std::size_t>(c0);
-    const std::size_t dst = static_cast<std::size_t>(r - row) * static_cast<std::size_t>(width) +
-                            static_cast<std::size_t>(c0 - column);
-    std::memcpy(out + dst * size, data + src * size, static_cast<std::size_t>(c1 - c0) * size);
-    mask::CopyRange(b.Mask(), src, bits, dst, static_cast<std::size_t>(c1 - c0));
+    std::memset(to, 0, before);
+    std::memcpy(to + before, data + src * size, inside);
+    std::memset(to + before + inside, 0, rowBytes - before - inside);
+    mask::CopyRange(b.Mask(), src, bits,
+                    static_cast<std::size_t>(r - row) * static_cast<std::size_t>(width) +
+                        static_cast<std::size_t>(c0 - column),
+                    static_cast<std::size_t>(c1 - c0));
   }
   if (noData) {
     VisitPixelType(pixelType_, [&](auto tag) {

@@ -361,6 +361,7 @@ TEST(StatisticsFunction, LargeWindowsAndManyClassesMatchTheDefinition) {
   } cases[] = {
       {9, 1, 9, 11, 0},
       {5, 2, 13, 6, 0},
+      {9, 2, 3, 19, 0},  // validity folded down in three runs of rows
       {3, 5, 9, 9, 0},
       {4, 5, 8, 5, 0},
       {6, 5, 9, 9, 0},
