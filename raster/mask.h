@@ -31,15 +31,22 @@ inline void Put(std::uint8_t* m, std::size_t i, bool valid) {
   }
 }
 
+// The word with its eight bytes in reverse order.
+constexpr std::uint64_t SwapBytes(std::uint64_t word) {
+  word = (word << 32) | (word >> 32);
+  word = ((word & 0x0000FFFF0000FFFFull) << 16) | ((word >> 16) & 0x0000FFFF0000FFFFull);
+  return ((word & 0x00FF00FF00FF00FFull) << 8) | ((word >> 8) & 0x00FF00FF00FF00FFull);
+}
+
 // A word loaded from memory as the little-endian machine sees it: byte k in bits 8k to 8k + 7.
 constexpr std::uint64_t LittleEndian(std::uint64_t word) {
-  if constexpr (std::endian::native == std::endian::little) {
-    return word;
-  } else {
-    word = (word << 32) | (word >> 32);
-    word = ((word & 0x0000FFFF0000FFFFull) << 16) | ((word >> 16) & 0x0000FFFF0000FFFFull);
-    return ((word & 0x00FF00FF00FF00FFull) << 8) | ((word >> 8) & 0x00FF00FF00FF00FFull);
-  }
+  return std::endian::native == std::endian::little ? word : SwapBytes(word);
+}
+
+// A word loaded from memory with byte 0 in its highest bits: the mask's first pixel of the
+// eight bytes is bit 63, its last bit 0.
+constexpr std::uint64_t BigEndian(std::uint64_t word) {
+  return std::endian::native == std::endian::big ? word : SwapBytes(word);
 }
 
 // Every pixel valid (or invalid); bits past the last pixel are cleared.

@@ -352,13 +352,16 @@ Fn Pick(simd::Isa isa) {
 }
 
 // Which output cells of a window band are valid: those whose every window cell is. Worked
-// out on the packed bits 64 output cells at a time: a run whose window cells are all valid
-// is settled whole, and only runs near an invalid cell (the raster's edges, holes) go cell
-// by cell.
+// out on the packed bits 64 output cells at a time: the AND of the run's window rows, then
+// of each cell's kc columns, a word at a time; a run whose window cells are all valid is
+// settled whole, and only the cells of other runs are visited one by one.
 class Validity {
  public:
   explicit Validity(const Window& in)
-      : in_(in), all_(kRun + static_cast<std::size_t>(in.margins.Columns())), row_(all_.size()) {}
+      : in_(in),
+        bytes_((in.Stride() * static_cast<std::size_t>(in.GrownRows()) + 7) / 8),
+        all_(kRun + static_cast<std::size_t>(in.margins.Columns())),
+        row_(all_.size()) {}
 
   // Writes row r's output bits and calls `invalid(c)` for each of its invalid cells.
   template <class Invalid>
@@ -372,40 +375,81 @@ class Validity {
       mask::SetRange(mask, first, width);
       return;
     }
-    // Whether cells c .. c + n - 1 of every window row are valid.
-    auto allRows = [&](std::size_t c, std::size_t n) {
-      for (LONG i = 0; i < kr; ++i)
-        if (!mask::AllValid(in_.mask, top + static_cast<std::size_t>(i) * stride + c, n))
-          return false;
-      return true;
-    };
     for (std::size_t c0 = 0; c0 < width; c0 += kRun) {
       const std::size_t n = std::min(kRun, width - c0);
-      if (allRows(c0, n + kc - 1)) {
+      const std::uint64_t wanted = n == kRun ? ~std::uint64_t{0} : ~(~std::uint64_t{0} >> n);
+      std::uint64_t ok = kc <= kRun ? WordRun(top, c0, kr, kc) : ByteRun(top, c0, n, kr, kc);
+      ok &= wanted;
+      if (ok == wanted) {
         mask::SetRange(mask, first + c0, n);
         continue;
       }
-      // The run's window cells as bytes, their rows' AND, then each cell's kc of them.
-      std::uint8_t* all = all_.data();
-      std::uint8_t* row = row_.data();
-      const std::size_t span = n + kc - 1;
-      mask::Unpack(in_.mask, top + c0, span, all);
-      for (LONG i = 1; i < kr; ++i) {
-        mask::Unpack(in_.mask, top + static_cast<std::size_t>(i) * stride + c0, span, row);
-        for (std::size_t k = 0; k < span; ++k) all[k] &= row[k];
-      }
       for (std::size_t k = 0; k < n; ++k) {
-        std::uint8_t ok = all[k];
-        for (std::size_t j = 1; j < kc; ++j) ok &= all[k + j];
-        mask::Put(mask, first + c0 + k, ok != 0);
-        if (!ok) invalid(c0 + k);
+        const bool valid = ((ok >> (kRun - 1 - k)) & 1) != 0;
+        mask::Put(mask, first + c0 + k, valid);
+        if (!valid) invalid(c0 + k);
       }
     }
   }
 
  private:
   static constexpr std::size_t kRun = 64;
+
+  // Bits at .. at + 63 of the window's mask as the mask orders them, the first cell's the
+  // highest (bit 63 - k for cell at + k); none past the mask's end.
+  std::uint64_t Bits(std::size_t at) const {
+    const std::size_t byte = at / 8, shift = at % 8;
+    std::uint64_t word = 0;
+    std::uint8_t next = 0;
+    if (byte + 9 <= bytes_) {
+      std::memcpy(&word, in_.mask + byte, 8);
+      next = in_.mask[byte + 8];
+    } else {
+      std::uint8_t b[9] = {};
+      for (std::size_t i = 0; i < 9 && byte + i < bytes_; ++i) b[i] = in_.mask[byte + i];
+      std::memcpy(&word, b, 8);
+      next = b[8];
+    }
+    word = mask::BigEndian(word);
+    return shift == 0 ? word : (word << shift) | (std::uint64_t{next} >> (8 - shift));
+  }
+
+  // The validity of output cells c0 .. c0 + 63 of the row whose window starts at mask bit
+  // `top` (bit 63 - k for cell c0 + k), for windows at most a run wide.
+  std::uint64_t WordRun(std::size_t top, std::size_t c0, LONG kr, std::size_t kc) const {
+    const std::size_t stride = in_.Stride();
+    std::uint64_t low = ~std::uint64_t{0}, high = ~std::uint64_t{0};
+    for (LONG i = 0; i < kr; ++i) {
+      const std::size_t at = top + static_cast<std::size_t>(i) * stride + c0;
+      low &= Bits(at);
+      if (kc > 1) high &= Bits(at + kRun);
+    }
+    std::uint64_t ok = low;
+    for (std::size_t j = 1; j < kc; ++j) ok &= (low << j) | (high >> (kRun - j));
+    return ok;
+  }
+
+  // The same for wider windows, through the cells as bytes.
+  std::uint64_t ByteRun(std::size_t top, std::size_t c0, std::size_t n, LONG kr, std::size_t kc) {
+    const std::size_t stride = in_.Stride(), span = n + kc - 1;
+    std::uint8_t* all = all_.data();
+    std::uint8_t* row = row_.data();
+    mask::Unpack(in_.mask, top + c0, span, all);
+    for (LONG i = 1; i < kr; ++i) {
+      mask::Unpack(in_.mask, top + static_cast<std::size_t>(i) * stride + c0, span, row);
+      for (std::size_t k = 0; k < span; ++k) all[k] &= row[k];
+    }
+    std::uint64_t ok = 0;
+    for (std::size_t k = 0; k < n; ++k) {
+      std::uint8_t valid = all[k];
+      for (std::size_t j = 1; j < kc; ++j) valid &= all[k + j];
+      ok |= std::uint64_t{valid != 0} << (kRun - 1 - k);
+    }
+    return ok;
+  }
+
   const Window& in_;
+  std::size_t bytes_;
   std::vector<std::uint8_t> all_, row_;
 };
 

@@ -247,6 +247,32 @@ TEST(ConvolutionFunction, UserKernelsOfEverySizeMatchTheDefinitionOnEveryType) {
   }
 }
 
+// Rows longer than the 64 cells whose validity is settled at a time, and kernels wider than
+// such a run: invalid cells near every run's edges.
+TEST(ConvolutionFunction, LongRowsAndWideKernelsMatchTheDefinition) {
+  std::mt19937 random(9);
+  const struct {
+    LONG columns, rows;
+    Shape shape;
+  } cases[] = {{3, 3, Shape::kGeneral},  {5, 5, Shape::kSeparable}, {13, 2, Shape::kGeneral},
+               {64, 1, Shape::kGeneral}, {65, 2, Shape::kLevelled}, {67, 1, Shape::kGeneral},
+               {3, 3, Shape::kLevelled}};
+  for (LONG type : {3, 9})
+    for (double invalid : {0.002, 0.05})
+      for (const auto& k : cases) {
+        const Grid g = Random(type, 200, 9, static_cast<unsigned>(k.columns + type), invalid);
+        const KernelCase kernel = RandomKernel(k.columns, k.rows, k.shape, random);
+        auto f = Bind(g, u"ConvolutionFunction",
+                      {{u"Type", Variant(std::int32_t{-1})},
+                       {u"Columns", Variant(std::int32_t{k.columns})},
+                       {u"Rows", Variant(std::int32_t{k.rows})},
+                       {u"Kernel", Doubles(kernel.weights)}});
+        ExpectNear(ReadAll(f.Get(), g), Convolved(g, kernel, false), type,
+                   "type " + std::to_string(type) + " " + std::to_string(k.columns) + "x" +
+                       std::to_string(k.rows) + " invalid " + std::to_string(invalid));
+      }
+}
+
 TEST(ConvolutionFunction, BuiltInKernelsMatchTheDefinitionAtEveryBorder) {
   const Grid g = Random(9, 31, 17, 3, 0.03);
   for (LONG type = 0; type <= 21; ++type) {
@@ -386,6 +412,25 @@ TEST(StatisticsFunction, LargeWindowsAndManyClassesMatchTheDefinition) {
                "statistic " + std::to_string(k.statistic) + " " + std::to_string(k.columns) + "x" +
                    std::to_string(k.rows));
   }
+}
+
+// Tall windows keep running column sums, made afresh every 64 rows: bands of rows well past
+// that, with and without invalid cells.
+TEST(StatisticsFunction, TallWindowsOverManyRowsMatchTheDefinition) {
+  const struct {
+    LONG type;
+    int statistic;
+    LONG columns, rows;
+  } cases[] = {{9, 3, 3, 17}, {9, 4, 9, 9}, {5, 3, 1, 23}, {6, 4, 5, 12}, {3, 3, 15, 15}};
+  for (const auto& k : cases)
+    for (double invalid : {0.0, 0.08}) {
+      const Grid g = Random(k.type, 29, 150, static_cast<unsigned>(k.rows), invalid);
+      auto f =
+          Bind(g, u"StatisticsFunction", StatisticArguments(k.statistic, k.columns, k.rows, false));
+      ExpectNear(ReadAll(f.Get(), g), Focal(g, k.statistic, k.columns, k.rows, false), k.type,
+                 "statistic " + std::to_string(k.statistic) + " " + std::to_string(k.columns) +
+                     "x" + std::to_string(k.rows) + " invalid " + std::to_string(invalid));
+    }
 }
 
 TEST(StatisticsFunction, StandardDeviationOfHighElevationsKeepsItsPrecision) {
