@@ -105,6 +105,13 @@ row("median 5x5 u8", "BM_Focal/Median5x5U8", "opencv_median_5_u8", "OpenCV media
 row("majority 5x5 u8", "BM_Focal/Majority5x5U8", "scipy_onehot_majority_5", "SciPy one-hot", ">= 10x")
 row("majority 5x5 u8", "BM_Focal/Majority5x5U8", "scipy_generic_majority_5", "SciPy generic_filter", ">= 10x")
 row("std dev 5x5 f32", "BM_Focal/StandardDeviation5x5F32", "opencv_std_5", "OpenCV box + sqrBox", ">= 2x")
+print("-- per core, whole-width strips of 256 rows (as an export or the Python package reads)")
+row("3x3 convolution f32", "BM_ConvolutionStrips/Sharpen3x3F32", "opencv_filter2d_3", "OpenCV filter2D", ">= 1x")
+row("mean 5x5 f32", "BM_FocalStrips/Mean5x5F32", "opencv_box_5", "OpenCV boxFilter", ">= 1x")
+row("mean 15x15 f32", "BM_FocalStrips/Mean15x15F32", "opencv_box_15", "OpenCV boxFilter", ">= 1x")
+row("min 3x3 f32", "BM_FocalStrips/Min3x3F32", "opencv_erode_3", "OpenCV erode", ">= 1x")
+row("max 5x5 f32", "BM_FocalStrips/Max5x5F32", "opencv_dilate_5", "OpenCV dilate", ">= 1x")
+row("median 3x3 f32", "BM_FocalStrips/Median3x3F32", "opencv_median_3", "OpenCV medianBlur", ">= 0.5x")
 print("-- both cores against one (goal >= 1.8x)")
 for case in sorted({k.rsplit("/", 2)[0] for k in runs}):
     one, two = runs.get(f"{case}/1/real_time"), runs.get(f"{case}/2/real_time")
