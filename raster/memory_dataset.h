@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "raster/large_allocator.h"
 #include "raster/model.h"
 
 namespace pw::raster {
@@ -40,7 +41,7 @@ class MemoryBand : public IRasterBand {
 
  private:
   LONG pixelType_;
-  std::vector<std::uint8_t> data_;
+  std::vector<std::uint8_t, LargeAllocator<std::uint8_t>> data_;
   std::vector<std::uint8_t> mask_;
   std::optional<double> noData_;
   std::u16string name_;

@@ -294,5 +294,23 @@ TEST(MemoryDataset, BandsCarryNamesPropertiesColormapsAndTables) {
   EXPECT_EQ(dataset->GetBand(2, &band), E_INVALIDARG);
 }
 
+TEST(MemoryDataset, SmallAndLargeBandsStartAtZeroAndKeepTheirCells) {
+  // 1500 x 1500 floats (9 MB) come from the large allocations, 16 x 16 from plain ones.
+  for (const LONG side : {16, 1500}) {
+    const RasterGrid grid{0, 0, static_cast<double>(side), static_cast<double>(side), side, side};
+    auto zero = MakeObject<MemoryDataset>(u"zero", grid, 1, kPixelF32, nullptr);
+    const float* z = zero->Band(0).Data<float>();
+    EXPECT_TRUE(std::all_of(z, z + side * side, [](float v) { return v == 0; })) << side;
+    auto dataset = MakeMemoryDataset(grid, 2, kPixelF32, [&](LONG b, LONG c, LONG r) {
+      return static_cast<double>(b * 1000000 + r * side + c);
+    });
+    for (LONG b = 0; b < 2; ++b) {
+      const float* v = dataset->Band(b).Data<float>();
+      EXPECT_EQ(v[0], static_cast<float>(b * 1000000)) << side;
+      EXPECT_EQ(v[side * side - 1], static_cast<float>(b * 1000000 + side * side - 1)) << side;
+    }
+  }
+}
+
 }  // namespace
 }  // namespace pw::raster
