@@ -433,6 +433,45 @@ TEST(StatisticsFunction, TallWindowsOverManyRowsMatchTheDefinition) {
     }
 }
 
+TEST(StatisticsFunction, RowsMixingWholeAndPartWindowsMatchTheDefinition) {
+  // Rows of 200 cells, invalid only in columns 70 to 75: runs of whole windows and of part
+  // windows (the edges, the invalid columns) in every row; and a block inside the band,
+  // whose windows are all whole, gives the cells of the whole read (to the last bits of a
+  // double: the sums' reference value is the block's own).
+  Grid g = Random(9, 200, 24, 41, 0.0);
+  for (LONG r = 0; r < g.rows; ++r)
+    for (LONG c = 70; c < 76; ++c) g.v[static_cast<std::size_t>(r * g.columns + c)] = kNaN;
+  const struct {
+    LONG type;
+    int statistic;
+    LONG columns, rows;
+  } cases[] = {{9, 3, 3, 3},  {9, 4, 5, 7}, {10, 3, 15, 5},
+               {10, 4, 3, 3}, {8, 3, 5, 5}, {8, 4, 4, 4}};
+  for (const auto& k : cases) {
+    Grid typed = g;
+    typed.type = k.type;
+    if (k.type == 8)
+      for (double& x : typed.v) x = std::isnan(x) ? x : std::round(x);
+    const std::string what = "statistic " + std::to_string(k.statistic) + " type " +
+                             std::to_string(k.type) + " " + std::to_string(k.columns) + "x" +
+                             std::to_string(k.rows);
+    auto f = Bind(typed, u"StatisticsFunction",
+                  StatisticArguments(k.statistic, k.columns, k.rows, false));
+    const Grid whole = ReadAll(f.Get(), typed);
+    ExpectNear(whole, Focal(typed, k.statistic, k.columns, k.rows, false), k.type, what);
+    // Columns 130 to 189, rows 8 to 15: every window inside the band and clear of the
+    // invalid columns.
+    const test::Output inside = test::ReadOutput(f.Get(), 130, 8, 60, 8);
+    for (LONG y = 0; y < 8; ++y)
+      for (LONG x = 0; x < 60; ++x) {
+        const double expected = whole.At(130 + x, 8 + y);
+        ASSERT_NEAR(inside.At(0, static_cast<std::size_t>(y * 60 + x)), expected,
+                    (k.type == 9 ? 2e-7 : 1e-12) * std::max(1.0, std::fabs(expected)))
+            << what << " at " << 130 + x << "," << 8 + y;
+      }
+  }
+}
+
 TEST(StatisticsFunction, StandardDeviationOfHighElevationsKeepsItsPrecision) {
   // Elevations near 8000 m varying by centimetres, and a flat summit.
   std::mt19937 random(11);
