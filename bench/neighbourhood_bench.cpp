@@ -131,6 +131,7 @@ BENCHMARK_CAPTURE(BM_FocalStrips, Mean15x15F32, 9, 3, 15) PW_THREADS;
 BENCHMARK_CAPTURE(BM_FocalStrips, Min3x3F32, 9, 1, 3) PW_THREADS;
 BENCHMARK_CAPTURE(BM_FocalStrips, Max5x5F32, 9, 2, 5) PW_THREADS;
 BENCHMARK_CAPTURE(BM_FocalStrips, Median3x3F32, 9, 5, 3) PW_THREADS;
+BENCHMARK_CAPTURE(BM_FocalStrips, StandardDeviation5x5F32, 9, 4, 5) PW_THREADS;
 
 }  // namespace
 }  // namespace pw

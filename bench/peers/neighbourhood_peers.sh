@@ -112,6 +112,7 @@ row("mean 15x15 f32", "BM_FocalStrips/Mean15x15F32", "opencv_box_15", "OpenCV bo
 row("min 3x3 f32", "BM_FocalStrips/Min3x3F32", "opencv_erode_3", "OpenCV erode", ">= 1x")
 row("max 5x5 f32", "BM_FocalStrips/Max5x5F32", "opencv_dilate_5", "OpenCV dilate", ">= 1x")
 row("median 3x3 f32", "BM_FocalStrips/Median3x3F32", "opencv_median_3", "OpenCV medianBlur", ">= 0.5x")
+row("std dev 5x5 f32", "BM_FocalStrips/StandardDeviation5x5F32", "opencv_std_5", "OpenCV box + sqrBox", ">= 2x")
 print("-- both cores against one (goal >= 1.8x)")
 for case in sorted({k.rsplit("/", 2)[0] for k in runs}):
     one, two = runs.get(f"{case}/1/real_time"), runs.get(f"{case}/2/real_time")
