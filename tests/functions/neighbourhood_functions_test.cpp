@@ -493,6 +493,32 @@ TEST(StatisticsFunction, StandardDeviationOfHighElevationsKeepsItsPrecision) {
     }
 }
 
+TEST(StatisticsFunction, LoneCellsBelowLargeValuesHaveNoDeviation) {
+  // Large values of every magnitude pass down the columns first; below them each window
+  // holds one valid cell, small or large, whose deviation is exactly 0.
+  std::mt19937 random(17);
+  std::uniform_real_distribution<double> large(-1e6, 1e6), exponent(-12, 6);
+  for (const LONG type : {9, 10}) {
+    Grid g{40, 90, type, {}};
+    for (LONG r = 0; r < g.rows; ++r)
+      for (LONG c = 0; c < g.columns; ++c) {
+        double x = kNaN;
+        if (r < 30) x = large(random) * std::pow(10.0, exponent(random) - 6);
+        if (r >= 30 && r % 6 == 0 && c % 6 == 0) x = std::pow(10.0, exponent(random));
+        g.v.push_back(type == 9 ? static_cast<float>(x) : x);
+      }
+    auto f = Bind(g, u"StatisticsFunction", StatisticArguments(4, 5, 5, false));
+    const Grid out = ReadAll(f.Get(), g);
+    for (LONG r = 34; r < g.rows; ++r)
+      for (LONG c = 0; c < g.columns; ++c) {
+        // The window's lone valid cell, if it has one.
+        const LONG cr = (r + 2) / 6 * 6, cc = (c + 2) / 6 * 6;
+        if (cr < r - 2 || cr >= g.rows || cc < c - 2 || cc >= g.columns) continue;
+        ASSERT_EQ(out.At(c, r), 0.0) << "type " << type << " at " << c << "," << r;
+      }
+  }
+}
+
 // --- tiles, threads and the bind rules --------------------------------------------------------
 
 TEST(NeighbourhoodFunctions, TiledAndConcurrentReadsEqualOneWholeRead) {
