@@ -1,6 +1,7 @@
 // Word-at-a-time mask operations.
 #include "raster/mask.h"
 
+#include <algorithm>
 #include <bit>
 #include <cstring>
 
@@ -74,9 +75,17 @@ bool AllValid(const std::uint8_t* m, std::size_t pixels) {
 }
 
 bool AllValid(const std::uint8_t* m, std::size_t first, std::size_t count) {
-  for (; count > 0 && first % 8 != 0; ++first, --count)
-    if (!Get(m, first)) return false;
-  return !AnyDiffers(m + first / 8, count, true);
+  if (count == 0) return true;
+  m += first / 8;
+  if (const unsigned shift = first % 8; shift != 0) {
+    // The first byte's pixels shift .. shift + head - 1, bit 7 - shift downwards.
+    const unsigned head = static_cast<unsigned>(std::min<std::size_t>(8 - shift, count));
+    const unsigned wanted = (0xFFu >> shift) & ~(0xFFu >> (shift + head));
+    if ((*m & wanted) != wanted) return false;
+    ++m;
+    count -= head;
+  }
+  return !AnyDiffers(m, count, true);
 }
 
 void SetRange(std::uint8_t* m, std::size_t first, std::size_t count) {

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cstring>
 #include <stdexcept>
+#include <utility>
 
 #include "raster/algorithms/statistics.h"
 #include "raster/mask.h"
@@ -17,6 +18,11 @@ MemoryBand::MemoryBand(LONG pixelType, std::size_t pixels)
     : pixelType_(pixelType), data_(pixels * PixelSize(pixelType)), mask_(mask::Bytes(pixels)) {
   mask::Fill(mask_.data(), pixels, true);
   properties_ = MakeObject<PropertySet>().As<IPropertySet>();
+}
+
+void MemoryBand::PutValid(std::size_t i, bool valid) {
+  if (!valid) allValid_.store(false, std::memory_order_relaxed);
+  mask::Put(mask_.data(), i, valid);
 }
 
 HRESULT MemoryBand::get_Name(BSTR* name) {
@@ -153,6 +159,7 @@ HRESULT MemoryDataset::ReadWindow(LONG band, LONG column, LONG row, LONG width, 
   const LONG c0 = std::max<LONG>(column, 0), c1 = std::min<LONG>(column + width, grid_.columns);
   const LONG r0 = std::max<LONG>(row, 0), r1 = std::min<LONG>(row + height, grid_.rows);
   const std::optional<double> noData = b.NoData();
+  const bool allValid = b.KnownAllValid();
   const std::size_t rowBytes = static_cast<std::size_t>(width) * size;
   const std::size_t before = static_cast<std::size_t>(std::max<LONG>(c0 - column, 0)) * size;
   const std::size_t inside = static_cast<std::size_t>(std::max<LONG>(c1 - c0, 0)) * size;
@@ -167,10 +174,13 @@ HRESULT MemoryDataset::ReadWindow(LONG band, LONG column, LONG row, LONG width, 
     std::memset(to, 0, before);
     std::memcpy(to + before, data + src * size, inside);
     std::memset(to + before + inside, 0, rowBytes - before - inside);
-    mask::CopyRange(b.Mask(), src, bits,
-                    static_cast<std::size_t>(r - row) * static_cast<std::size_t>(width) +
-                        static_cast<std::size_t>(c0 - column),
-                    static_cast<std::size_t>(c1 - c0));
+    const std::size_t at = static_cast<std::size_t>(r - row) * static_cast<std::size_t>(width) +
+                           static_cast<std::size_t>(c0 - column);
+    if (allValid) {
+      mask::SetRange(bits, at, static_cast<std::size_t>(c1 - c0));
+    } else {
+      mask::CopyRange(std::as_const(b).Mask(), src, bits, at, static_cast<std::size_t>(c1 - c0));
+    }
   }
   if (noData) {
     VisitPixelType(pixelType_, [&](auto tag) {
@@ -192,7 +202,7 @@ void MemoryDataset::SetPixel(LONG band, LONG column, LONG row, double value, boo
     using T = typename decltype(tag)::type;
     bool converted = true;
     b.Data<T>()[i] = valid ? ConvertValue<T>(value, range, &converted) : T{0};
-    mask::Put(b.Mask(), i, valid && converted);
+    b.PutValid(i, valid && converted);
   });
 }
 
@@ -214,12 +224,14 @@ bool LendMemoryCells(IRaster* raster, LONG column, LONG row, LONG width, LONG he
   const std::size_t size = PixelSize(pixelType);
   cells->values.clear();
   cells->masks.clear();
+  cells->allValid.clear();
   for (LONG b = 0; b < count; ++b) {
     MemoryBand& band = memory->Band(b);
     // Values equal to a no-data value are invalid without their bit saying so.
     if (band.NoData()) return false;
     cells->values.push_back(static_cast<const std::uint8_t*>(band.Data()) + first * size);
-    cells->masks.push_back(band.Mask());
+    cells->masks.push_back(std::as_const(band).Mask());
+    cells->allValid.push_back(band.KnownAllValid());
   }
   cells->pitch = static_cast<std::size_t>(grid.columns);
   cells->maskFirst = first;

@@ -2,6 +2,7 @@
 // with names, key properties, statistics, histograms, colormap and attribute table.
 #pragma once
 
+#include <atomic>
 #include <optional>
 #include <string>
 #include <vector>
@@ -35,7 +36,18 @@ class MemoryBand : public IRasterBand {
     return reinterpret_cast<T*>(data_.data());
   }
   void* Data() { return data_.data(); }
-  BYTE* Mask() { return mask_.data(); }
+  // The validity bits for a writer, who may clear any: the band is no longer known to be all
+  // valid. Readers take the const ones.
+  BYTE* Mask() {
+    allValid_.store(false, std::memory_order_relaxed);
+    return mask_.data();
+  }
+  const BYTE* Mask() const { return mask_.data(); }
+  // Pixel i's bit; a valid one keeps the band known to be all valid.
+  void PutValid(std::size_t i, bool valid);
+  // Whether every pixel is known to be valid: from creation until a writer asks for the
+  // mask or makes a pixel invalid. False says nothing.
+  bool KnownAllValid() const { return allValid_.load(std::memory_order_relaxed); }
   std::optional<double> NoData() const { return noData_; }
   void SetNoData(std::optional<double> value) { noData_ = value; }
 
@@ -43,6 +55,7 @@ class MemoryBand : public IRasterBand {
   LONG pixelType_;
   std::vector<std::uint8_t, LargeAllocator<std::uint8_t>> data_;
   std::vector<std::uint8_t> mask_;
+  std::atomic<bool> allValid_{true};
   std::optional<double> noData_;
   std::u16string name_;
   ComPtr<IPropertySet> properties_;
@@ -91,6 +104,7 @@ class MemoryDataset : public IRasterDataset, public IRasterSource, public IRaste
 struct MemoryCells {
   std::vector<const void*> values;
   std::vector<const BYTE*> masks;
+  std::vector<bool> allValid;  // bands known to have no invalid pixel
   std::size_t pitch = 0, maskFirst = 0;
 };
 

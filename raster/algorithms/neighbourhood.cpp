@@ -40,7 +40,9 @@ HRESULT RunRows(IRaster* source, LONG column, LONG row, LONG width, LONG firstRo
           in.width = w.width;
           in.rows = w.rows;
           in.margins = w.margins;
-          in.allValid = mask::AllValid(in.mask, cells);
+          const auto known = static_cast<std::size_t>(b);
+          in.allValid =
+              known < w.allValid.size() ? w.allValid[known] : mask::AllValid(in.mask, cells);
           Target out;
           out.values = static_cast<std::uint8_t*>(output->Buffer(b)) + first * pixel;
           out.mask = output->Mask(b) + first / 8;

@@ -142,6 +142,9 @@ LONG WindowBandRows(const WindowShape& windowShape, LONG width, LONG height) {
       std::min<std::size_t>(rows, static_cast<std::size_t>(std::max<LONG>(height, 1))));
 }
 
+// Rows of a lent window's mask asked for ahead of the one being checked.
+constexpr LONG kMaskAhead = 16;
+
 HRESULT ReadWindowRows(IRaster* input, LONG column, LONG row, LONG width, LONG rows, LONG firstRow,
                        const WindowShape& windowShape, IPixelBlock** window, WindowRows* band) {
   Extent extent;
@@ -150,20 +153,39 @@ HRESULT ReadWindowRows(IRaster* input, LONG column, LONG row, LONG width, LONG r
   const LONG top = row + firstRow;
   band->values.clear();
   band->valuesPitch = 0;
+  band->allValid.clear();
   const LONG gw = width + m.left + m.right, gh = rows + m.top + m.bottom;
   MemoryCells cells;
   if (windowShape.inPlace && LendMemoryCells(input, column - m.left, top - m.top, gw, gh,
                                              windowShape.pixelType, windowShape.bands, &cells)) {
-    // The values stay where they are; the masks are gathered into the window's.
+    // The values stay where they are; the masks are gathered into the window's, in one go
+    // when the band is known to be all valid or every row is (the common cases, and then the
+    // filters need not look again).
     const LONG bands = static_cast<LONG>(cells.values.size());
     PW_RETURN_IF_FAILED(CreateUnfilledPixelBlock(gw, gh, bands, windowShape.pixelType, window));
-    for (LONG b = 0; b < bands; ++b)
-      for (LONG r = 0; r < gh; ++r)
-        mask::CopyRange(cells.masks[static_cast<std::size_t>(b)],
-                        cells.maskFirst + static_cast<std::size_t>(r) * cells.pitch,
-                        (*window)->Mask(b),
-                        static_cast<std::size_t>(r) * static_cast<std::size_t>(gw),
-                        static_cast<std::size_t>(gw));
+    const auto span = static_cast<std::size_t>(gw);
+    for (LONG b = 0; b < bands; ++b) {
+      const BYTE* from = cells.masks[static_cast<std::size_t>(b)];
+      auto at = [&](LONG r) { return cells.maskFirst + static_cast<std::size_t>(r) * cells.pitch; };
+      // The rows' bits are short runs far apart: asked for well ahead of their check.
+      auto fetch = [&](LONG r) {
+        if (r >= gh) return;
+        const BYTE* bits = from + at(r) / 8;
+        __builtin_prefetch(bits);
+        __builtin_prefetch(bits + span / 8);
+      };
+      const bool known = cells.allValid[static_cast<std::size_t>(b)];
+      for (LONG r = 0; r < kMaskAhead && !known; ++r) fetch(r);
+      LONG r = known ? gh : 0;
+      while (r < gh && mask::AllValid(from, at(r), span)) fetch(++r + kMaskAhead - 1);
+      band->allValid.push_back(r == gh);
+      if (r == gh) {
+        mask::Fill((*window)->Mask(b), span * static_cast<std::size_t>(gh), true);
+        continue;
+      }
+      for (r = 0; r < gh; ++r)
+        mask::CopyRange(from, at(r), (*window)->Mask(b), static_cast<std::size_t>(r) * span, span);
+    }
     band->values = std::move(cells.values);
     band->valuesPitch = cells.pitch;
   } else {

@@ -100,6 +100,9 @@ struct WindowRows {
   // either way, its values only when `values` is empty.
   std::vector<const void*> values;
   std::size_t valuesPitch = 0;
+  // With lent values, whether each band's window has no invalid cell (its mask all set);
+  // empty when the window was copied and its masks tell.
+  std::vector<bool> allValid;
   // The row stride of the window and the offset of output cell (c, r)'s window's top-left.
   std::size_t Stride() const {
     return static_cast<std::size_t>(width + margins.left + margins.right);

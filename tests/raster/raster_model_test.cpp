@@ -16,6 +16,17 @@ namespace {
 
 TEST(Mask, WordOperationsAgreeWithBitByBitOnes) {
   std::mt19937 random(3);
+  // Runs that end inside their first byte: a hole just past the run does not count, one at
+  // its last pixel does.
+  for (std::size_t first : {1, 3, 6})
+    for (std::size_t count : {1, 2}) {
+      std::uint8_t run[2];
+      mask::Fill(run, 16, true);
+      mask::Clear(run, first + count);
+      EXPECT_TRUE(mask::AllValid(run, first, count)) << first << " + " << count;
+      mask::Clear(run, first + count - 1);
+      EXPECT_FALSE(mask::AllValid(run, first, count)) << first << " + " << count;
+    }
   for (std::size_t pixels : {std::size_t{1}, std::size_t{7}, std::size_t{8}, std::size_t{63},
                              std::size_t{64}, std::size_t{65}, std::size_t{1000}}) {
     std::vector<std::uint8_t> a(mask::Bytes(pixels)), b(mask::Bytes(pixels));

@@ -221,5 +221,47 @@ TEST(WindowEngine, MemoryCellsAreLentOnlyWhereACopyWouldHoldTheSame) {
   }
 }
 
+// A band is taken as all valid, without its bits being read, only until a writer makes a
+// pixel invalid or asks for the bits to write; a window lent after either sees the hole.
+TEST(WindowEngine, LentWindowsSeeEveryWayOfMakingAPixelInvalid) {
+  const RasterGrid grid{0, 0, kColumns, kRows, kColumns, kRows};
+  const LONG hx = 4, hy = 5;  // the hole, inside the window of the block below
+  const struct {
+    const char* what;
+    void (*write)(MemoryDataset&);
+    bool known, hole;
+  } cases[] = {
+      {"untouched", [](MemoryDataset&) {}, true, false},
+      {"a pixel set valid", [](MemoryDataset& d) { d.SetPixel(0, hx, hy, 7, true); }, true, false},
+      {"a pixel set invalid", [](MemoryDataset& d) { d.SetPixel(0, hx, hy, 7, false); }, false,
+       true},
+      {"a bit cleared through the mask",
+       [](MemoryDataset& d) { mask::Clear(d.Band(0).Mask(), hy * kColumns + hx); }, false, true},
+      {"the mask asked for, left whole", [](MemoryDataset& d) { d.Band(0).Mask(); }, false, false},
+  };
+  for (const auto& c : cases) {
+    auto dataset = MakeMemoryDataset(grid, 1, 9, [](LONG, LONG x, LONG y) { return x + y; });
+    c.write(*dataset);
+    ComPtr<IRaster> view;
+    ASSERT_EQ(dataset->CreateDefaultRaster(&view), S_OK);
+    MemoryCells cells;
+    ASSERT_TRUE(LendMemoryCells(view.Get(), 1, 2, 7, 6, 9, 0, &cells)) << c.what;
+    EXPECT_EQ(cells.allValid, std::vector<bool>{c.known}) << c.what;
+    WindowShape shape;
+    shape.margins = Margins::Radius(1);
+    shape.pixelType = 9;
+    shape.inPlace = true;
+    ComPtr<IPixelBlock> window;
+    WindowRows rows;
+    ASSERT_EQ(ReadWindowRows(view.Get(), 2, 3, 5, 4, 0, shape, &window, &rows), S_OK) << c.what;
+    ASSERT_FALSE(rows.values.empty()) << c.what;
+    // The window starts at (1, 2) and is 7 cells wide.
+    const std::size_t hole = static_cast<std::size_t>((hy - 2) * 7 + (hx - 1));
+    EXPECT_EQ(rows.allValid, std::vector<bool>{!c.hole}) << c.what;
+    EXPECT_EQ(mask::Count(window->Mask(0), 7 * 6), c.hole ? 41u : 42u) << c.what;
+    EXPECT_EQ(mask::Get(window->Mask(0), hole), !c.hole) << c.what;
+  }
+}
+
 }  // namespace
 }  // namespace pw::raster
