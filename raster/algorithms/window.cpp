@@ -179,12 +179,15 @@ HRESULT ReadWindowRows(IRaster* input, LONG column, LONG row, LONG width, LONG r
       LONG r = known ? gh : 0;
       while (r < gh && mask::AllValid(from, at(r), span)) fetch(++r + kMaskAhead - 1);
       band->allValid.push_back(r == gh);
+      BYTE* bits = (*window)->Mask(b);
       if (r == gh) {
-        mask::Fill((*window)->Mask(b), span * static_cast<std::size_t>(gh), true);
+        mask::Fill(bits, span * static_cast<std::size_t>(gh), true);
         continue;
       }
-      for (r = 0; r < gh; ++r)
-        mask::CopyRange(from, at(r), (*window)->Mask(b), static_cast<std::size_t>(r) * span, span);
+      // The rows checked valid are set whole; the rest, from the first with a hole, copied.
+      mask::SetRange(bits, 0, static_cast<std::size_t>(r) * span);
+      for (; r < gh; ++r)
+        mask::CopyRange(from, at(r), bits, static_cast<std::size_t>(r) * span, span);
     }
     band->values = std::move(cells.values);
     band->valuesPitch = cells.pitch;
