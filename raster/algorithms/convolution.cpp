@@ -294,6 +294,26 @@ struct DownFrom {
 };
 using DownFromFn = void (*)(const void* const*, const double*, std::size_t, double*);
 
+// Two rows' plain column sums at once, from K + 1 rows of T: the K - 1 rows the two windows
+// share are added once. out0[c] = rows[0][c] + shared, out1[c] = shared + rows[K][c].
+template <class T, int K>
+struct DownPairFrom {
+  PW_ALWAYS_INLINE static void Run(const void* const* rows, std::size_t n, double* out0,
+                                   double* out1) {
+    const T* r[K + 1];
+    for (int i = 0; i <= K; ++i) r[i] = static_cast<const T*>(rows[i]);
+    double* __restrict a = out0;
+    double* __restrict b = out1;
+    for (std::size_t c = 0; c < n; ++c) {
+      double shared = static_cast<double>(r[1][c]);
+      for (int i = 2; i < K; ++i) shared += static_cast<double>(r[i][c]);
+      a[c] = static_cast<double>(r[0][c]) + shared;
+      b[c] = shared + static_cast<double>(r[K][c]);
+    }
+  }
+};
+using DownPairFn = void (*)(const void* const*, std::size_t, double*, double*);
+
 // How a row of column sums becomes output cells.
 enum AcrossMode { kWeights, kLevel, kLevelAndTap };
 
@@ -471,6 +491,7 @@ void ClampNarrowTypes(const Window& in, const Target& out) {
 // The direct path's kernels for one pixel type and kernel, when it has them.
 struct Direct {
   DownFromFn down = nullptr;
+  DownPairFn pair = nullptr;  // plain sums only
   AcrossIntoFn across = nullptr;
   FixedFromFn fixed = nullptr;
   bool Usable() const { return fixed != nullptr || (down != nullptr && across != nullptr); }
@@ -480,6 +501,7 @@ template <class T, int K>
 void PickSeparable(simd::Isa isa, bool levelled, bool tap, Direct* d) {
   if (levelled) {
     d->down = Pick<DownFrom<T, K, false>, DownFromFn>(isa);
+    d->pair = Pick<DownPairFrom<T, K>, DownPairFn>(isa);
     d->across = tap ? Pick<AcrossInto<T, K, kLevelAndTap>, AcrossIntoFn>(isa)
                     : Pick<AcrossInto<T, K, kLevel>, AcrossIntoFn>(isa);
   } else {
@@ -505,7 +527,11 @@ Direct PickDirect(const Prepared& p, simd::Isa isa) {
 }
 
 // Filters straight from the window into the output; false when the kernel has no direct path.
+// Rows go in pairs where the column sums are plain (the pair shares all but one row of them),
+// and in runs of kChunk columns, so that the column sums stay in the nearest cache however
+// long the rows.
 bool ConvolveDirect(const Window& in, const Prepared& p, const Target& out) {
+  constexpr std::size_t kChunk = 1024;
   const simd::Isa isa = simd::Best();
   Direct d;
   VisitPixelType(in.pixelType,
@@ -517,31 +543,49 @@ bool ConvolveDirect(const Window& in, const Prepared& p, const Target& out) {
   const std::size_t pixel = PixelSize(in.pixelType);
   const auto* source = static_cast<const std::uint8_t*>(in.values);
   const std::size_t pitch = in.ValuesPitch();
-  std::vector<double> columns(d.fixed != nullptr ? 0 : stride);
+  const std::size_t span = std::min(width, kChunk) + static_cast<std::size_t>(k) - 1;
+  std::vector<double> columns(d.fixed != nullptr ? 0 : 2 * span);
   Validity validity(in);
-  const void* rows[5] = {};
   const double* level = &p.level;
   const Prepared::Tap* tap = p.levelled && !p.taps.empty() ? &p.taps.front() : nullptr;
   const std::size_t rowBytes = stride * pixel;
   const LONG grown = in.GrownRows();
-  for (LONG r = 0; r < in.rows; ++r) {
-    for (LONG i = 0; i < k; ++i) rows[i] = source + static_cast<std::size_t>(r + i) * pitch * pixel;
-    if (pitch != stride && r + k + 1 < grown)  // lent rows: the row two after the newest
-      neighbourhood::PrefetchRow(source + static_cast<std::size_t>(r + k + 1) * pitch * pixel,
-                                 rowBytes);
-    void* target =
-        static_cast<std::uint8_t*>(out.values) + static_cast<std::size_t>(r) * width * pixel;
-    if (d.fixed != nullptr) {
-      d.fixed(rows, p.kernel.weights.data(), width, target);
-    } else {
-      d.down(rows, p.separable ? p.down.data() : nullptr, stride, columns.data());
-      const void* tapRow = tap != nullptr ? static_cast<const std::uint8_t*>(rows[tap->row]) +
-                                                static_cast<std::size_t>(tap->column) * pixel
-                                          : nullptr;
-      d.across(columns.data(), p.separable ? p.across.data() : level, tapRow,
-               tap != nullptr ? tap->weight : 0.0, width, target);
+  auto grownRow = [&](LONG g) { return source + static_cast<std::size_t>(g) * pitch * pixel; };
+  auto outRow = [&](LONG r) {
+    return static_cast<std::uint8_t*>(out.values) + static_cast<std::size_t>(r) * width * pixel;
+  };
+  // Output row r's cells from c0 on: n of them, from its column sums `sums`.
+  auto across = [&](LONG r, const double* sums, std::size_t c0, std::size_t n) {
+    const void* tapRow = tap != nullptr ? grownRow(r + tap->row) +
+                                              (c0 + static_cast<std::size_t>(tap->column)) * pixel
+                                        : nullptr;
+    d.across(sums, p.separable ? p.across.data() : level, tapRow,
+             tap != nullptr ? tap->weight : 0.0, n, outRow(r) + c0 * pixel);
+  };
+  for (LONG r = 0; r < in.rows;) {
+    const LONG step = d.pair != nullptr && !p.separable && r + 1 < in.rows ? 2 : 1;
+    // Lent rows: the rows two after the newest, fetched ahead.
+    for (LONG g = r + k + 1; g < r + k + 1 + step; ++g)
+      if (pitch != stride && g < grown) neighbourhood::PrefetchRow(grownRow(g), rowBytes);
+    const void* rows[6] = {};
+    for (std::size_t c0 = 0; c0 < width; c0 += kChunk) {
+      const std::size_t n = std::min(kChunk, width - c0),
+                        reach = n + static_cast<std::size_t>(k) - 1;
+      for (LONG i = 0; i < k + step - 1; ++i) rows[i] = grownRow(r + i) + c0 * pixel;
+      if (d.fixed != nullptr) {
+        d.fixed(rows, p.kernel.weights.data(), n, outRow(r) + c0 * pixel);
+      } else if (step == 2) {
+        d.pair(rows, reach, columns.data(), columns.data() + span);
+        across(r, columns.data(), c0, n);
+        across(r + 1, columns.data() + span, c0, n);
+      } else {
+        d.down(rows, p.separable ? p.down.data() : nullptr, reach, columns.data());
+        across(r, columns.data(), c0, n);
+      }
     }
-    if (!in.allValid) MarkRow(validity, r, pixel, target, out);
+    if (!in.allValid)
+      for (LONG i = 0; i < step; ++i) MarkRow(validity, r + i, pixel, outRow(r + i), out);
+    r += step;
   }
   if (in.allValid) mask::Fill(out.mask, width * static_cast<std::size_t>(in.rows), true);
   return true;
