@@ -515,6 +515,30 @@ TEST(StatisticsFunction, TallBandsAndLongRowsMatchTheDefinition) {
     }
 }
 
+// Long rows go a stretch of 512 columns at a time, and a stretch whose windows hold no invalid
+// cell counts none. Rows read away from the band's top and bottom, so that only the raster's
+// sides and these holes are invalid: one inside the second stretch, and two just past the
+// third (in the windows of its last cells only) on the first and last rows its windows take.
+TEST(StatisticsFunction, HolesInOneStretchOfLongRowsCountOnlyThere) {
+  constexpr LONG kWidth = 2100, kTop = 3, kRows = 5;
+  const struct { LONG column, row; } holes[] = {{700, 5}, {1536, kTop - 1}, {1537, kTop + kRows}};
+  for (LONG type : {5, 9})
+    for (int statistic : {3, 4})
+      for (LONG size : {3, 15}) {
+        Grid g = Random(type, kWidth, 12, static_cast<unsigned>(size + statistic), 0.0);
+        for (const auto& h : holes) g.v[static_cast<std::size_t>(h.row * kWidth + h.column)] = kNaN;
+        auto f = Bind(g, u"StatisticsFunction", StatisticArguments(statistic, size, 3, false));
+        const test::Output out = test::ReadOutput(f.Get(), 0, kTop, kWidth, kRows);
+        Grid got{kWidth, kRows, out.type, {}};
+        for (std::size_t i = 0; i < static_cast<std::size_t>(kWidth * kRows); ++i)
+          got.v.push_back(out.Valid(0, i) ? out.At(0, i) : kNaN);
+        const std::vector<double> all = Focal(g, statistic, size, 3, false);
+        ExpectNear(got, {all.begin() + kTop * kWidth, all.begin() + (kTop + kRows) * kWidth}, type,
+                   "statistic " + std::to_string(statistic) + " type " + std::to_string(type) +
+                       " " + std::to_string(size) + "x3");
+      }
+}
+
 TEST(StatisticsFunction, LoneCellsBelowLargeValuesHaveNoDeviation) {
   // Large values of every magnitude pass down the columns first; below them each window
   // holds one valid cell, small or large, whose deviation is exactly 0.
