@@ -527,7 +527,8 @@ Direct PickDirect(const Prepared& p, simd::Isa isa) {
 }
 
 // Filters straight from the window into the output; false when the kernel has no direct path.
-// Rows go in pairs where the column sums are plain (the pair shares all but one row of them),
+// Rows go in pairs where the column sums are plain (levelled kernels, separable or not: the
+// pair shares all but one row of them),
 // and in runs of kChunk columns, so that the column sums stay in the nearest cache however
 // long the rows.
 bool ConvolveDirect(const Window& in, const Prepared& p, const Target& out) {
@@ -563,7 +564,7 @@ bool ConvolveDirect(const Window& in, const Prepared& p, const Target& out) {
              tap != nullptr ? tap->weight : 0.0, n, outRow(r) + c0 * pixel);
   };
   for (LONG r = 0; r < in.rows;) {
-    const LONG step = d.pair != nullptr && !p.separable && r + 1 < in.rows ? 2 : 1;
+    const LONG step = d.pair != nullptr && r + 1 < in.rows ? 2 : 1;
     // Lent rows: the rows two after the newest, fetched ahead.
     for (LONG g = r + k + 1; g < r + k + 1 + step; ++g)
       if (pitch != stride && g < grown) neighbourhood::PrefetchRow(grownRow(g), rowBytes);
