@@ -501,7 +501,11 @@ template <class T, int K>
 void PickSeparable(simd::Isa isa, bool levelled, bool tap, Direct* d) {
   if (levelled) {
     d->down = Pick<DownFrom<T, K, false>, DownFromFn>(isa);
-    d->pair = Pick<DownPairFrom<T, K>, DownPairFn>(isa);
+    // Sharing rows changes the order of the additions. Up to 5 integer cells of 32 bits or
+    // fewer sum exactly in a double in any order, and float cells do unless a window mixes
+    // magnitudes more than 2^28 apart; double cells keep one order, so that an output row
+    // gets the same value whichever read computes it.
+    if constexpr (sizeof(T) <= 4) d->pair = Pick<DownPairFrom<T, K>, DownPairFn>(isa);
     d->across = tap ? Pick<AcrossInto<T, K, kLevelAndTap>, AcrossIntoFn>(isa)
                     : Pick<AcrossInto<T, K, kLevel>, AcrossIntoFn>(isa);
   } else {
