@@ -395,6 +395,24 @@ class Validity {
       mask::SetRange(mask, first, width);
       return;
     }
+    // Rows valid across the raster's own columns, the cells beyond its sides perhaps not (a
+    // whole-width strip): the cells whose windows stay inside are settled whole, the few at
+    // either end one by one.
+    const std::size_t left = static_cast<std::size_t>(in_.margins.left),
+                      right = static_cast<std::size_t>(in_.margins.right);
+    if (width > left + right && InnerRowsValid(top, kr, left, width)) {
+      mask::SetRange(mask, first + left, width - left - right);
+      auto settle = [&](std::size_t c) {
+        bool valid = true;
+        for (LONG i = 0; i < kr && valid; ++i)
+          valid = mask::AllValid(in_.mask, top + static_cast<std::size_t>(i) * stride + c, kc);
+        mask::Put(mask, first + c, valid);
+        if (!valid) invalid(c);
+      };
+      for (std::size_t c = 0; c < left; ++c) settle(c);
+      for (std::size_t c = width - right; c < width; ++c) settle(c);
+      return;
+    }
     for (std::size_t c0 = 0; c0 < width; c0 += kRun) {
       const std::size_t n = std::min(kRun, width - c0);
       const std::uint64_t wanted = n == kRun ? ~std::uint64_t{0} : ~(~std::uint64_t{0} >> n);
@@ -414,6 +432,14 @@ class Validity {
 
  private:
   static constexpr std::size_t kRun = 64;
+
+  // Whether kr rows from mask bit `top` are valid in the `count` columns from `from`.
+  bool InnerRowsValid(std::size_t top, LONG kr, std::size_t from, std::size_t count) const {
+    for (LONG i = 0; i < kr; ++i)
+      if (!mask::AllValid(in_.mask, top + static_cast<std::size_t>(i) * in_.Stride() + from, count))
+        return false;
+    return true;
+  }
 
   // Bits at .. at + 63 of the window's mask as the mask orders them, the first cell's the
   // highest (bit 63 - k for cell at + k); none past the mask's end.
