@@ -400,7 +400,7 @@ class Validity {
     // either end one by one.
     const std::size_t left = static_cast<std::size_t>(in_.margins.left),
                       right = static_cast<std::size_t>(in_.margins.right);
-    if (width > left + right && InnerRowsValid(top, kr, left, width)) {
+    if (width > left + right && neighbourhood::OwnColumnsValid(in_, r, kr)) {
       mask::SetRange(mask, first + left, width - left - right);
       auto settle = [&](std::size_t c) {
         bool valid = true;
@@ -432,14 +432,6 @@ class Validity {
 
  private:
   static constexpr std::size_t kRun = 64;
-
-  // Whether kr rows from mask bit `top` are valid in the `count` columns from `from`.
-  bool InnerRowsValid(std::size_t top, LONG kr, std::size_t from, std::size_t count) const {
-    for (LONG i = 0; i < kr; ++i)
-      if (!mask::AllValid(in_.mask, top + static_cast<std::size_t>(i) * in_.Stride() + from, count))
-        return false;
-    return true;
-  }
 
   // Bits at .. at + 63 of the window's mask as the mask orders them, the first cell's the
   // highest (bit 63 - k for cell at + k); none past the mask's end.
@@ -557,10 +549,9 @@ Direct PickDirect(const Prepared& p, simd::Isa isa) {
 }
 
 // Filters straight from the window into the output; false when the kernel has no direct path.
-// Rows go in pairs where the column sums are plain (levelled kernels, separable or not: the
-// pair shares all but one row of them),
-// and in runs of kChunk columns, so that the column sums stay in the nearest cache however
-// long the rows.
+// Rows go in pairs where the column sums are plain (levelled kernels, separable or not, of
+// cells up to 32 bits: the pair shares all but one row of them), and in runs of kChunk
+// columns, so that the column sums stay in the nearest cache however long the rows.
 bool ConvolveDirect(const Window& in, const Prepared& p, const Target& out) {
   constexpr std::size_t kChunk = 1024;
   const simd::Isa isa = simd::Best();

@@ -14,6 +14,7 @@
 #include "com/types.h"
 #include "raster/algorithms/simd_dispatch.h"
 #include "raster/algorithms/window.h"
+#include "raster/mask.h"
 #include "raster/model.h"
 
 namespace pw::raster::neighbourhood {
@@ -53,6 +54,22 @@ struct Target {
 using BandFn = std::function<void(const Window&, const Target&)>;
 HRESULT FilterBlock(IRaster* source, LONG column, LONG row, IPixelBlock* output,
                     WindowShape windowShape, const BandFn& band);
+
+// Whether `count` grown rows of the window from `first` are valid across the raster's own
+// columns (those of the output cells, not the margins beyond them). A whole-width strip's
+// windows reach past the raster's sides, so their rows are never all valid; rows valid here
+// give every window inside them only valid cells, and every window its own cell valid.
+inline bool OwnColumnsValid(const Window& in, LONG first, LONG count) {
+  if (in.allValid) return true;
+  const std::size_t stride = in.Stride(), width = static_cast<std::size_t>(in.width);
+  for (LONG g = first; g < first + count; ++g)
+    if (!mask::AllValid(
+            in.mask,
+            static_cast<std::size_t>(g) * stride + static_cast<std::size_t>(in.margins.left),
+            width))
+      return false;
+  return true;
+}
 
 // Asks the processor for `bytes` of a row ahead of their use: rows of a window lent by a
 // raster in memory are short runs far apart, which it does not fetch ahead by itself.
