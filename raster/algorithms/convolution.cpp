@@ -381,7 +381,19 @@ class Validity {
       : in_(in),
         bytes_((in.Stride() * static_cast<std::size_t>(in.GrownRows()) + 7) / 8),
         all_(kRun + static_cast<std::size_t>(in.margins.Columns())),
-        row_(all_.size()) {}
+        row_(all_.size()) {
+    if (in.allValid) return;
+    // Counts of the grown rows before each that are valid whole and valid across the
+    // raster's own columns: each row is looked at once, not once for every window it is in.
+    const LONG grown = in.GrownRows();
+    whole_.assign(static_cast<std::size_t>(grown) + 1, 0);
+    own_.assign(whole_.size(), 0);
+    for (LONG g = 0; g < grown; ++g) {
+      const auto at = static_cast<std::size_t>(g);
+      whole_[at + 1] = whole_[at] + (neighbourhood::RowsValid(in, g, 1, 0, in.Stride()) ? 1 : 0);
+      own_[at + 1] = own_[at] + (neighbourhood::OwnColumnsValid(in, g, 1) ? 1 : 0);
+    }
+  }
 
   // Writes row r's output bits and calls `invalid(c)` for each of its invalid cells.
   template <class Invalid>
@@ -391,7 +403,11 @@ class Validity {
     const std::size_t top = static_cast<std::size_t>(r) * stride;
     const LONG kr = in_.margins.Rows();
     const std::size_t kc = static_cast<std::size_t>(in_.margins.Columns());
-    if (in_.allValid || mask::AllValid(in_.mask, top, static_cast<std::size_t>(kr) * stride)) {
+    auto validRows = [&](const std::vector<LONG>& before) {
+      const auto at = static_cast<std::size_t>(r);
+      return before[at + static_cast<std::size_t>(kr)] - before[at] == kr;
+    };
+    if (in_.allValid || validRows(whole_)) {
       mask::SetRange(mask, first, width);
       return;
     }
@@ -400,7 +416,7 @@ class Validity {
     // either end one by one.
     const std::size_t left = static_cast<std::size_t>(in_.margins.left),
                       right = static_cast<std::size_t>(in_.margins.right);
-    if (width > left + right && neighbourhood::OwnColumnsValid(in_, r, kr)) {
+    if (width > left + right && validRows(own_)) {
       mask::SetRange(mask, first + left, width - left - right);
       auto settle = [&](std::size_t c) {
         bool valid = true;
@@ -489,6 +505,7 @@ class Validity {
   const Window& in_;
   std::size_t bytes_;
   std::vector<std::uint8_t> all_, row_;
+  std::vector<LONG> whole_, own_;  // valid rows before each grown row (none if all valid)
 };
 
 // Sets row r's output bits and zeroes the cells whose window holds an invalid cell.

@@ -55,20 +55,25 @@ using BandFn = std::function<void(const Window&, const Target&)>;
 HRESULT FilterBlock(IRaster* source, LONG column, LONG row, IPixelBlock* output,
                     WindowShape windowShape, const BandFn& band);
 
-// Whether `count` grown rows of the window from `first` are valid across the raster's own
-// columns (those of the output cells, not the margins beyond them). A whole-width strip's
-// windows reach past the raster's sides, so their rows are never all valid; rows valid here
-// give every window inside them only valid cells, and every window its own cell valid.
-inline bool OwnColumnsValid(const Window& in, LONG first, LONG count) {
+// Whether `count` grown rows of the window from `first` are valid in the `columns` grown
+// columns from `from`.
+inline bool RowsValid(const Window& in, LONG first, LONG count, std::size_t from,
+                      std::size_t columns) {
   if (in.allValid) return true;
-  const std::size_t stride = in.Stride(), width = static_cast<std::size_t>(in.width);
+  const std::size_t stride = in.Stride();
   for (LONG g = first; g < first + count; ++g)
-    if (!mask::AllValid(
-            in.mask,
-            static_cast<std::size_t>(g) * stride + static_cast<std::size_t>(in.margins.left),
-            width))
+    if (!mask::AllValid(in.mask, static_cast<std::size_t>(g) * stride + from, columns))
       return false;
   return true;
+}
+
+// Whether `count` grown rows from `first` are valid across the raster's own columns (those of
+// the output cells, not the margins beyond them). A whole-width strip's windows reach past
+// the raster's sides, so their rows are never all valid; rows valid here give every window
+// inside them only valid cells, and every window its own cell valid.
+inline bool OwnColumnsValid(const Window& in, LONG first, LONG count) {
+  return RowsValid(in, first, count, static_cast<std::size_t>(in.margins.left),
+                   static_cast<std::size_t>(in.width));
 }
 
 // Asks the processor for `bytes` of a row ahead of their use: rows of a window lent by a
