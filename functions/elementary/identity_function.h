@@ -17,6 +17,8 @@ class IdentityFunction : public framework::BasicFunction, public ISimpleCollecti
 
   IdentityFunction();
   HRESULT STDMETHODCALLTYPE get_Input(IRaster** raster) override;
+  // The read is the input view's, which writes every value and bit of its block.
+  bool WritesWholeBlock() const override { return true; }
 
  protected:
   HRESULT BindImpl(IRasterFunctionArguments* arguments) override;

@@ -12,6 +12,10 @@
 namespace pw::functions {
 
 class NeighbourhoodFunction : public framework::BasicFunction {
+ public:
+  // The read is the filtered view's, which writes every value and bit of its block.
+  bool WritesWholeBlock() const override { return true; }
+
  protected:
   using BasicFunction::BasicFunction;
 

@@ -7,15 +7,19 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstring>
 #include <limits>
 #include <memory>
 #include <random>
 #include <thread>
 
 #include "framework/chain_json.h"
+#include "framework/function_raster.h"
 #include "functions/enhancement/convolution_function.h"
 #include "functions/enhancement/statistics_function.h"
 #include "raster/gdal/gdal_dataset.h"
+#include "raster/mask.h"
+#include "raster/pixel_block.h"
 #include "raster/pixel_traits.h"
 #include "tests/functions/function_test_support.h"
 #include "tests/test_support.h"
@@ -604,6 +608,72 @@ TEST(NeighbourhoodFunctions, TiledAndConcurrentReadsEqualOneWholeRead) {
       });
     for (auto& t : readers) t.join();
     EXPECT_EQ(std::count(same.begin(), same.end(), 1), 4) << ToUtf8(name);
+  }
+}
+
+// The functions' blocks are not cleared before a read: every value and bit must come from
+// the read itself, whatever the block held before (invalid cells included).
+TEST(NeighbourhoodFunctions, ReadsWriteEveryValueAndBitOfTheirBlock) {
+  using Arguments = std::vector<std::pair<std::u16string, Variant>>;
+  const std::pair<std::u16string_view, Arguments> cases[] = {
+      {u"ConvolutionFunction", {{u"Type", Variant(std::int32_t{12})}}},
+      {u"ConvolutionFunction",
+       {{u"Type", Variant(std::int32_t{19})}, {u"MirrorEdges", Variant(true)}}},
+      {u"ConvolutionFunction",
+       {{u"Type", Variant(std::int32_t{-1})},
+        {u"Columns", Variant(std::int32_t{2})},
+        {u"Rows", Variant(std::int32_t{3})},
+        {u"Kernel", Doubles({1, -2, 3, -4, 5, -6})}}},
+      {u"ConvolutionFunction", {{u"Type", Variant(std::int32_t{255})}}},
+      {u"StatisticsFunction", StatisticArguments(1, 3, 3, false)},
+      {u"StatisticsFunction", StatisticArguments(2, 4, 2, true)},
+      {u"StatisticsFunction", StatisticArguments(3, 5, 5, false)},
+      {u"StatisticsFunction", StatisticArguments(4, 3, 3, false)},
+      {u"StatisticsFunction", StatisticArguments(5, 3, 3, true)},
+      {u"StatisticsFunction", StatisticArguments(6, 5, 3, false)},
+      {u"StatisticsFunction", StatisticArguments(7, 3, 3, true)},
+      {u"IdentityFunction", {}},
+  };
+  for (const LONG type : {3L, 6L, 9L}) {
+    const Grid g = Random(type, 37, 29, 11, 0.08, type == 9 ? 0 : 4);
+    ObjectPtr<raster::MemoryDataset> source;
+    const ComPtr<IRaster> input = test::MemoryRaster(
+        test::Row(g.columns, g.rows), 1, g.type, [&](LONG, LONG c, LONG r) { return g.At(c, r); },
+        std::addressof(source));
+    for (const auto& [name, arguments] : cases) {
+      auto function = test::Create<IRasterFunction>(name);
+      auto args = test::Create<IRasterFunctionArguments>(
+          name == u"IdentityFunction" ? std::u16string(u"RasterFunctionArguments")
+                                      : std::u16string(name) + u"Arguments");
+      args->PutValue(Bstr(u"Raster").Get(), Variant(static_cast<IUnknown*>(input.Get())));
+      for (const auto& [key, value] : arguments) args->PutValue(Bstr(key).Get(), value);
+      ComPtr<IFunctionRasterDataset> dataset;
+      ASSERT_EQ(framework::CreateFunctionRasterDataset(function.Get(), args.Get(), true, &dataset),
+                S_OK)
+          << test::LastError();
+      ComPtr<IRaster> raster;
+      ASSERT_EQ(dataset.As<IRasterDataset>()->CreateDefaultRaster(&raster), S_OK);
+      LONG out = -1;
+      raster.As<IRasterProps>()->get_PixelType(&out);
+      // A block reaching past the raster's right and bottom sides.
+      const LONG w = 24, h = 19, column = 20, row = 16;
+      const std::size_t n = static_cast<std::size_t>(w * h);
+      const std::size_t bytes = n * raster::PixelSize(out);
+      std::vector<std::vector<std::uint8_t>> reads;
+      for (const std::uint8_t junk : {0x00, 0xA5}) {
+        ComPtr<IPixelBlock> block;
+        ASSERT_EQ(raster::CreatePixelBlock(w, h, 1, out, &block), S_OK);
+        std::memset(block->Buffer(0), junk, bytes);
+        std::memset(block->Mask(0), junk, raster::mask::Bytes(n));
+        ASSERT_EQ(raster->ReadAt(column, row, block.Get()), S_OK) << test::LastError();
+        const auto* v = static_cast<const std::uint8_t*>(block->Buffer(0));
+        reads.emplace_back(v, v + bytes);
+        // Padding bits past the last cell are not cells.
+        for (std::size_t i = 0; i < n; ++i)
+          reads.back().push_back(raster::mask::Get(block->Mask(0), i));
+      }
+      EXPECT_EQ(reads[0], reads[1]) << ToUtf8(name) << " on type " << type;
+    }
   }
 }
 
