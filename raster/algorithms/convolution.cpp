@@ -390,8 +390,10 @@ class Validity {
     own_.assign(whole_.size(), 0);
     for (LONG g = 0; g < grown; ++g) {
       const auto at = static_cast<std::size_t>(g);
-      whole_[at + 1] = whole_[at] + (neighbourhood::RowsValid(in, g, 1, 0, in.Stride()) ? 1 : 0);
-      own_[at + 1] = own_[at] + (neighbourhood::OwnColumnsValid(in, g, 1) ? 1 : 0);
+      // (A row valid whole is valid across its own columns without a second look.)
+      const bool whole = neighbourhood::RowsValid(in, g, 1, 0, in.Stride());
+      whole_[at + 1] = whole_[at] + (whole ? 1 : 0);
+      own_[at + 1] = own_[at] + (whole || neighbourhood::OwnColumnsValid(in, g, 1) ? 1 : 0);
     }
   }
 
