@@ -2,6 +2,7 @@
 #include "raster/algorithms/focal_statistics.h"
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <cstring>
 #include <limits>
