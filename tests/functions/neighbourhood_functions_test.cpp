@@ -498,19 +498,36 @@ TEST(StatisticsFunction, TallBandsAndLongRowsMatchTheDefinition) {
   // Bands of 150 rows run their column sums past the 64-row refresh; rows of 2100 cells
   // cross two of the 1024-cell chunks that wide windows sum across. Majority and minority
   // (on classes) of windows up to 8 wide keep their class counts running down the band and
-  // weigh a row 512 columns at a time: rows crossing several stretches (the last one longer,
-  // or just past a stretch), and a window 9 wide, which counts another way.
+  // weigh a row 512 columns at a time: rows of one longer stretch or crossing several (the
+  // last one longer, or just past a stretch), and a window 9 wide, which counts another way.
   const struct {
     LONG type;
     int statistic;
     LONG columns, rows, bandColumns, bandRows;
     int classes;
-  } cases[] = {{9, 3, 3, 17, 29, 150, 0}, {9, 4, 9, 9, 29, 150, 0},   {5, 3, 1, 23, 29, 150, 0},
-               {6, 4, 5, 12, 29, 150, 0}, {3, 3, 15, 15, 29, 150, 0}, {9, 3, 15, 3, 2100, 6, 0},
-               {9, 4, 11, 5, 2100, 6, 0}, {10, 3, 9, 2, 2100, 6, 0},  {6, 3, 17, 3, 2100, 6, 0},
-               {5, 4, 33, 1, 2100, 6, 0}, {3, 6, 5, 5, 2100, 7, 4},   {4, 7, 8, 3, 1800, 6, 9},
-               {5, 6, 1, 9, 1290, 5, 5},  {6, 7, 3, 3, 29, 150, 6},   {8, 6, 7, 2, 1030, 40, 12},
-               {3, 7, 6, 4, 771, 80, 3},  {3, 6, 2, 6, 1540, 9, 24},  {5, 7, 9, 3, 1100, 8, 7}};
+  } cases[] = {{9, 3, 3, 17, 29, 150, 0},
+               {9, 4, 9, 9, 29, 150, 0},
+               {5, 3, 1, 23, 29, 150, 0},
+               {6, 4, 5, 12, 29, 150, 0},
+               {3, 3, 15, 15, 29, 150, 0},
+               {9, 3, 15, 3, 2100, 6, 0},
+               {9, 4, 11, 5, 2100, 6, 0},
+               {10, 3, 9, 2, 2100, 6, 0},
+               {6, 3, 17, 3, 2100, 6, 0},
+               {5, 4, 33, 1, 2100, 6, 0},
+               {3, 6, 5, 5, 2100, 7, 4},
+               {4, 7, 8, 3, 1800, 6, 9},
+               {5, 6, 1, 9, 1290, 5, 5},
+               {6, 7, 3, 3, 29, 150, 6},
+               {8, 6, 7, 2, 1030, 40, 12},
+               {3, 7, 6, 4, 771, 80, 3},
+               {3, 6, 2, 6, 1540, 9, 24},
+               {5, 7, 9, 3, 1100, 8, 7},
+               {6, 6, 4, 5, 1300, 12, 6},
+               {5, 6, 3, 3, 700, 10, 5},
+               // Windows of 255 and 254 cells, on either side of the 8-bit counts.
+               {3, 7, 5, 51, 900, 120, 3},
+               {3, 6, 2, 127, 900, 200, 2}};
   for (const auto& k : cases)
     for (double invalid : {0.0, 0.06}) {
       const Grid g = Random(k.type, k.bandColumns, k.bandRows,
