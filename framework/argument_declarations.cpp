@@ -348,8 +348,18 @@ HRESULT CheckArguments(const FunctionDeclaration& decl, const Json& arguments) {
       const bool allowed =
           chosen && std::any_of(item->choices.begin(), item->choices.end(),
                                 [&](const Choice& c) { return c.value == *chosen; });
-      if (!allowed)
-        return Fail(res::IDS_ARGUMENT_CHOICE, decl, item->name, ChoicesText(*item), Given(value));
+      if (!allowed) {
+        // A misspelt name ("majorty") is answered with the nearest name the argument knows.
+        std::string given = Given(value);
+        if (named) {
+          std::vector<std::string_view> names;
+          for (const Choice& c : item->choices)
+            if (!c.name.empty()) names.push_back(c.name);
+          const std::string nearest = NearestName(value.get_ref<const std::string&>(), names);
+          if (!nearest.empty()) given += res::FormatUtf8(res::IDS_DID_YOU_MEAN, nearest);
+        }
+        return Fail(res::IDS_ARGUMENT_CHOICE, decl, item->name, ChoicesText(*item), given);
+      }
     }
     const auto inRange = [&](const Json& v) {
       return !v.is_number() ||

@@ -233,6 +233,9 @@ TEST_F(CliRun, ChainErrorsSayWhereAndWhy) {
       {R"({"function": "ArithmeticFunction", "arguments": {"Raster": "dem.tif", "Raster2": 2,
            "Operation": "sqrt"}})",
        "argument \"Operation\" must be one of 1 (plus, +, add)"},
+      {R"({"function": "StatisticsFunction", "arguments": {"Raster": "dem.tif",
+           "StatisticsType": "majorty"}})",
+       "; given \"majorty\" (did you mean \"Majority\"?)"},
       {R"({"function": "CompositeBandFunction", "arguments": {"Rasters": ["dem.tif",
            {"function": "Hillshade", "arguments": {"DEM": "dem.tif", "Altitude": 120}}]}})",
        "CompositeBandFunction argument \"Rasters[1]\": HillshadeFunction: argument \"Altitude\" "
