@@ -109,7 +109,34 @@ void BM_FocalStrips(benchmark::State& state, LONG type, LONG statistic, LONG siz
   Focal(state, type, statistic, size, kSide, kStripRows);
 }
 
+// What the machine itself gives a second thread: each thread copies a float buffer of one
+// block (in its own core's cache) or one strip (beyond it) over and over, kCells cells in
+// all. Read beside the filters' own scaling, it tells a kernel that scales badly from a
+// machine that does.
+void BM_MachineCopy(benchmark::State& state, LONG columns, LONG rows) {
+  const int threads = static_cast<int>(state.range(0));
+  const std::size_t cells = static_cast<std::size_t>(columns) * static_cast<std::size_t>(rows);
+  const std::size_t copies = kCells / cells;
+  for (auto _ : state) {
+    std::vector<std::thread> team;
+    for (int t = 0; t < threads; ++t)
+      team.emplace_back([&, t] {
+        std::vector<float> from(cells, 1.0f), to(cells);
+        for (std::size_t i = static_cast<std::size_t>(t); i < copies;
+             i += static_cast<std::size_t>(threads)) {
+          std::memcpy(to.data(), from.data(), cells * sizeof(float));
+          benchmark::DoNotOptimize(to.data());
+          benchmark::ClobberMemory();
+        }
+      });
+    for (auto& t : team) t.join();
+  }
+  state.SetItemsProcessed(static_cast<std::int64_t>(state.iterations() * kCells));
+}
+
 #define PW_THREADS ->Arg(1)->Arg(2)->UseRealTime()->Unit(benchmark::kMillisecond)
+BENCHMARK_CAPTURE(BM_MachineCopy, Block, kBlock, kBlock) PW_THREADS;
+BENCHMARK_CAPTURE(BM_MachineCopy, Strip, kSide, kStripRows) PW_THREADS;
 // Sharpen (3 x 3) and sharpening 5 x 5 are not separable; smoothing 3 x 3 and 5 x 5 are.
 BENCHMARK_CAPTURE(BM_Convolution, Sharpen3x3F32, 19) PW_THREADS;
 BENCHMARK_CAPTURE(BM_Convolution, Sharpening5x5F32, 14) PW_THREADS;
