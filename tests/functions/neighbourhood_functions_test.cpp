@@ -515,6 +515,10 @@ TEST(StatisticsFunction, TallBandsAndLongRowsMatchTheDefinition) {
                {10, 3, 9, 2, 2100, 6, 0},
                {6, 3, 17, 3, 2100, 6, 0},
                {5, 4, 33, 1, 2100, 6, 0},
+               // Wide windows summed across in pairs (16), and in more parts than one pass
+               // takes (511).
+               {9, 3, 16, 4, 2100, 6, 0},
+               {9, 4, 511, 2, 1100, 4, 0},
                {3, 6, 5, 5, 2100, 7, 4},
                {4, 7, 8, 3, 1800, 6, 9},
                {5, 6, 1, 9, 1290, 5, 5},
