@@ -295,6 +295,14 @@ std::string NearestName(std::string_view given, const std::vector<std::string_vi
   return best;
 }
 
+namespace {
+// " (did you mean "NAME"?)" for the known name nearest to `given`, when one is near.
+std::string DidYouMean(std::string_view given, const std::vector<std::string_view>& known) {
+  const std::string nearest = NearestName(given, known);
+  return nearest.empty() ? std::string() : res::FormatUtf8(res::IDS_DID_YOU_MEAN, nearest);
+}
+}  // namespace
+
 std::optional<LONG> ChoiceValue(const ArgumentDeclaration& decl, const Json& value) {
   if (IsInteger(value)) {
     const double v = value.get<double>();
@@ -332,12 +340,9 @@ HRESULT CheckArguments(const FunctionDeclaration& decl, const Json& arguments) {
     }
     const ArgumentDeclaration* item = decl.Find(std::string_view(key));
     if (item == nullptr) {
-      const std::string nearest = NearestName(key, known);
       std::string all;
       for (std::string_view name : known) all += (all.empty() ? "" : ", ") + std::string(name);
-      return Fail(res::IDS_ARGUMENT_UNKNOWN, decl, key,
-                  nearest.empty() ? std::string() : res::FormatUtf8(res::IDS_DID_YOU_MEAN, nearest),
-                  all);
+      return Fail(res::IDS_ARGUMENT_UNKNOWN, decl, key, DidYouMean(key, known), all);
     }
     const bool named = item->byName && value.is_string();
     if (!named && !Matches(item->kind, value))
@@ -355,8 +360,7 @@ HRESULT CheckArguments(const FunctionDeclaration& decl, const Json& arguments) {
           std::vector<std::string_view> names;
           for (const Choice& c : item->choices)
             if (!c.name.empty()) names.push_back(c.name);
-          const std::string nearest = NearestName(value.get_ref<const std::string&>(), names);
-          if (!nearest.empty()) given += res::FormatUtf8(res::IDS_DID_YOU_MEAN, nearest);
+          given += DidYouMean(value.get_ref<const std::string&>(), names);
         }
         return Fail(res::IDS_ARGUMENT_CHOICE, decl, item->name, ChoicesText(*item), given);
       }
